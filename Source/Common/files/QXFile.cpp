@@ -1,0 +1,4 @@
+// The file family.
+#include "QXFile.h"
+
+char TQXFile::fgSeparator = '\\';

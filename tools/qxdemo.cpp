@@ -1,0 +1,108 @@
+// qxdemo: a small host. It loads libQXCore.so like the painting application does, calls each
+// service that exists so far, prints what comes back, and exits 0 when every answer is the
+// expected one.
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include "QXCore.h"
+
+namespace {
+
+int gFailures = 0;
+
+void Check(bool ok, const char* what) {
+  if (!ok) {
+    std::printf("  !! unexpected: %s\n", what);
+    ++gFailures;
+  }
+}
+
+void PrintRect(const char* name, const TQXRect& r) {
+  std::printf("  TQXRect::%-8s = { %" PRId32 ", %" PRId32 ", %" PRId32 ", %" PRId32 " }\n", name,
+              r.left, r.top, r.right, r.bottom);
+}
+
+void ShowStartUp() {
+  std::printf("Start-up values (no host writes yet):\n");
+  std::printf("  ghInstance = %p, ghMainFrame = %p, gMMX = %d, gEMMX = %d\n",
+              TWIN_QXGlobals::ghInstance, TWIN_QXGlobals::ghMainFrame, TWIN_QXGlobals::gMMX,
+              TWIN_QXGlobals::gEMMX);
+  PrintRect("kZero", TQXRect::kZero);
+  PrintRect("kEmpty", TQXRect::kEmpty);
+  PrintRect("kInvalid", TQXRect::kInvalid);
+  PrintRect("kBiggest", TQXRect::kBiggest);
+  std::printf("  kQXInverse65536 = %.16g, kQXFull65535 = %.16g\n", double(kQXInverse65536),
+              kQXFull65535);
+  Check(!TWIN_QXGlobals::gMMX && TWIN_QXGlobals::ghInstance == nullptr, "start-up globals");
+  Check(TQXRect::kInvalid.left == INT32_MAX && TQXRect::kInvalid.right == INT32_MIN, "kInvalid");
+}
+
+void ShowByteSwap() {
+  std::printf("Byte swap of a big-endian value:\n");
+  int32_t v = 0x11223344;
+  int32_t r = TQXByteSwap::SwapInt32(v);
+  std::printf("  SwapInt32(0x11223344) = 0x%08" PRIX32 ", stored 0x%08" PRIX32 "\n", uint32_t(r),
+              uint32_t(v));
+  Check(uint32_t(r) == 0x44332211u && v == r, "SwapInt32");
+  double d = 1.0;
+  TQXByteSwap::SwapDouble(d);
+  TQXByteSwap::SwapDouble(d);
+  std::printf("  SwapDouble twice of 1.0 = %g\n", d);
+  Check(d == 1.0, "SwapDouble round trip");
+}
+
+void ShowFaultToException() {
+  std::printf("A fault turned into an exception:\n");
+  QXInstallFailureHandlers(true);
+  char buffer[16];
+  const void* volatile bad = nullptr;
+  bool caught = false;
+  try {
+    QXmemcpy(buffer, bad, sizeof buffer);  // reads through a null pointer inside the library
+  } catch (const TQXException& e) {
+    caught = true;
+    std::printf("  QXmemcpy from a null pointer threw TQXException code 0x%08" PRIX32
+                ", file \"%s\", line %" PRId32 "\n",
+                e.code, e.GetFile(), e.line);
+    Check(e.code == kQXErrUnhandled && e.line == 43, "fault report");
+  }
+  QXInstallFailureHandlers(false);
+  Check(caught, "fault caught");
+}
+
+void ShowBulkCopy() {
+  std::printf("Bulk copy and fill, on each path:\n");
+  for (bool wide : {false, true}) {
+    TWIN_QXGlobals::gMMX = wide;
+    alignas(16) unsigned char src[100], dst[100];
+    for (int i = 0; i < 100; ++i)
+      src[i] = uint8_t(i * 7);
+    std::memset(dst, 0, sizeof dst);
+    QXmemcpy(dst + 1, src + 3, 90);
+    QXmemmove(dst + 5, dst + 1, 90);  // overlapping, backwards
+    bool same = std::memcmp(dst + 5, src + 3, 90) == 0;
+    QXmemfill(0x04030201, src, 6);  // src is aligned: 01 02 03 04, then the low byte twice
+    same = same && src[0] == 1 && src[3] == 4 && src[4] == 1 && src[5] == 1;
+    std::printf(
+        "  %s path: QXmemcpy 90 bytes, QXmemmove over itself by 4, QXmemfill(0x04030201, "
+        "6) = %02X %02X %02X %02X %02X %02X: %s\n",
+        wide ? "wide " : "plain", src[0], src[1], src[2], src[3], src[4], src[5],
+        same ? "ok" : "WRONG");
+    Check(same, "bulk memory");
+  }
+  TWIN_QXGlobals::gMMX = false;
+}
+
+}  // namespace
+
+int main() {
+  std::printf("QXCore demonstration host\n\n");
+  ShowStartUp();
+  ShowByteSwap();
+  ShowFaultToException();
+  ShowBulkCopy();
+  std::printf("\n%s\n", gFailures == 0 ? "All services answered as expected." : "FAILURES");
+  return gFailures == 0 ? 0 : 1;
+}
