@@ -8,6 +8,29 @@
 
 #include "QXBase.h"
 
+// The allocator. Every block of the library and its host comes from here. Nothing here throws:
+// failure is a null result and a code in the sticky error word (QXMemLastError).
+QX_EXPORT void* QXmalloc(uint32_t size);
+QX_EXPORT void* QXnewMalloc(uint32_t size);       // the same as QXmalloc
+QX_EXPORT void* QXnewArrayMalloc(uint32_t size);  // the same as QXmalloc
+QX_EXPORT void* QXrealloc(void* block, uint32_t size);
+QX_EXPORT void QXfree(void* block);
+QX_EXPORT void QXdeleteFree(void* block);       // the same as QXfree
+QX_EXPORT void QXdeleteArrayFree(void* block);  // the same as QXfree
+QX_EXPORT uint32_t QXMemLastError();
+
+// Class-scope allocation for the library's own classes: `new T` takes its memory from the
+// allocator instead of the global operator new (which the library never replaces), aligned for
+// any type, and gives null instead of throwing when the allocator has nothing, so the new
+// expression yields null and constructs nothing.
+void* QXObjectMalloc(size_t size) noexcept;
+void QXObjectFree(void* p) noexcept;
+#define QX_CLASS_ALLOCATION                                                                 \
+  static void* operator new(size_t size) noexcept { return QXObjectMalloc(size); }          \
+  static void* operator new[](size_t size) noexcept { return QXObjectMalloc(size); }        \
+  static void operator delete(void* p) noexcept { QXObjectFree(p); }                        \
+  static void operator delete[](void* p) noexcept { QXObjectFree(p); }
+
 // Copies n bytes; the regions must not overlap.
 QX_EXPORT void QXmemcpy(void* dst, const void* src, int32_t n);
 // Copies n bytes; the regions may overlap.
