@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 job=${1:-}
 shift || true
 
-packages=(cmake ninja-build g++ make binutils libgtest-dev libbenchmark-dev)
+packages=(cmake ninja-build g++ make binutils pkg-config libgtest-dev libbenchmark-dev libicu-dev)
 case "$job" in
   fuzz) packages+=(clang libclang-rt-14-dev) ;;
 esac
