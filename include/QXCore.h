@@ -10,5 +10,6 @@
 #include "QXGlobals.h"
 #include "QXMemory.h"
 #include "QXNumerics.h"
+#include "QXTime.h"
 
 #endif  // QXCORE_H
