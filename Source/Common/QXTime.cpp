@@ -7,6 +7,7 @@
 
 #include "Platform/QXPlatform.h"
 #include "Platform/QXPlatformTime.h"
+#include "QXString.h"
 
 namespace {
 
@@ -86,6 +87,28 @@ void TQXSystemTime::GetCurrentLocalTime() {
   QXPlatform::Get<TQXPlatformTime>().LocalNow(now);
   uint64_t count;
   if (QXCalendarToCount(now, count)) SetCount(count);
+}
+
+namespace {
+// The time text is made in a buffer of 32 characters, as the host has always seen it; a text
+// that does not fit, or a locale that gives none, leaves the string empty.
+constexpr size_t kTimeTextSize = 32;
+}  // namespace
+
+void TQXSystemTime::FormatTime(TQXString& out, bool withSeconds) const {
+  TQXCalendarTime t;
+  if (!QXCountToCalendar(Count(), t)) return;
+  char text[kTimeTextSize] = {};
+  QXPlatform::Get<TQXPlatformTime>().FormatTime(t, withSeconds, text, sizeof text);
+  out.FromCPtr(text);
+}
+
+void TQXSystemTime::FormatDate(TQXString& out) const {
+  TQXCalendarTime t;
+  if (!QXCountToCalendar(Count(), t)) return;
+  char text[kTimeTextSize] = {};
+  QXPlatform::Get<TQXPlatformTime>().FormatDate(t, text, sizeof text);
+  out.FromCPtr(text);
 }
 
 void TQXSystemTime::FromTimeRecord(const TQXUserTimeRecord& r) {

@@ -9,6 +9,7 @@
 #include "Platform/Fake/QXFakeTime.h"
 #include "Platform/QXPlatform.h"
 #include "Platform/QXPlatformTime.h"
+#include "QXString.h"
 #include "QXTime.h"
 
 namespace {
@@ -131,6 +132,28 @@ TEST(TimeFake, CurrentTimeComesFromTheRole) {
   TQXSystemTime t;
   t.GetCurrentLocalTime();
   EXPECT_EQ(t.Count(), CountOf(Record(2026, 11, 22, 18)));
+}
+
+TEST(TimeFake, FormatsThroughTheRole) {
+  TQXFakeTime fake;
+  QXPlatform::ScopedRole<TQXPlatformTime> scope(fake);
+  TQXSystemTime t;
+  t.SetCount(CountOf(Record(2026, 11, 22, 18, 55, 44)));
+  TQXString63 text("unchanged");
+  t.FormatTime(text, true);
+  EXPECT_STREQ(text.StrGet(), "18:55:44");
+  t.FormatTime(text, false);
+  EXPECT_STREQ(text.StrGet(), "18:55");
+  t.FormatDate(text);
+  EXPECT_STREQ(text.StrGet(), "2026-11-22");
+  fake.failFormatting = true;
+  t.FormatDate(text);
+  EXPECT_STREQ(text.StrGet(), "");
+  TQXSystemTime none;
+  none.SetCount(uint64_t(1) << 63);  // no calendar form: the text stays
+  text.FromCPtr("kept");
+  none.FormatTime(text, true);
+  EXPECT_STREQ(text.StrGet(), "kept");
 }
 
 // The Linux side: the real clock, and ICU's patterns for the locale in the environment.
