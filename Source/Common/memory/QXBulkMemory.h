@@ -8,9 +8,10 @@
 
 // Fills count 32-bit words from dst with value, in phase with the address (see QXmemfill).
 void QXmemfill32(uint32_t value, void* dst, int32_t count);
-// Fills count 16-bit units from dst with value, the same scheme with value doubled to 32 bits.
+// Fills count 16-bit units from dst with value, the same scheme with value doubled to 32 bits: the
+// bytes follow the address, so from an odd dst every unit is stored with its bytes swapped.
 void QXmemfill16(uint16_t value, void* dst, int32_t count);
-// Fills count bytes with value.
+// Fills count bytes with value (the same scheme, with value in all four bytes).
 void QXmemfill8(uint8_t value, void* dst, int32_t count);
 // Copies count 32-bit words: the word stages of QXmemcpy alone.
 void QXmemcpyLong(void* dst, const void* src, int32_t count);
