@@ -1,10 +1,13 @@
 // qxdemo: a small host. It loads libQXCore.so like the painting application does, calls each
 // service that exists so far, prints what comes back, and exits 0 when every answer is the
 // expected one.
+#include <stdlib.h>
+#include <unistd.h>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
+#include <string>
 
 #include "QXCore.h"
 
@@ -95,6 +98,75 @@ void ShowBulkCopy() {
   TWIN_QXGlobals::gMMX = false;
 }
 
+// Files: a folder on a temporary directory mapped to drive Q:, listed with a type filter, and a
+// file copied.
+void ShowFiles() {
+  std::printf("\nFiles:\n");
+  char dir[] = "/tmp/qxdemo-XXXXXX";
+  if (!mkdtemp(dir) || QXMapDrive('Q', dir) != 0) {
+    Check(false, "temporary drive");
+    return;
+  }
+  std::printf("  Q: is %s\n", dir);
+  auto make = [](const char* path, bool folder) {
+    TQXFile* f = nullptr;
+    TQXFile::Create(&f);
+    if (f) f->SetFullPath(TQXStringUTF8(std::string(path)), folder);
+    return f;
+  };
+  const char* names[] = {"Q:\\album\\sea.tif", "Q:\\album\\sky.TIFF", "Q:\\album\\notes.txt"};
+  TQXFile* album = make("Q:\\album", true);
+  Check(album && album->CreateOnDisk() == 0, "create folder");
+  TQXFile* sub = make("Q:\\album\\older", true);
+  Check(sub && sub->CreateOnDisk() == 0, "create sub-folder");
+  for (const char* name : names) {
+    TQXFile* f = make(name, false);
+    uint32_t done = 0;
+    const bool ok = f && f->CreateOnDisk() == 0 && f->Open() == 0 &&
+                    f->Write(name, uint32_t(std::strlen(name)), &done) == 0 && f->Close() == 0;
+    std::printf("  wrote %-22s %u bytes\n", name, done);
+    Check(ok, "write file");
+    if (f) f->Release();
+  }
+
+  TQXFileType tiff;
+  tiff.AddPlatformType(0x74696600);  // "tif"
+  tiff.AddPlatformType(0x74696666);  // "tiff"
+  TQXFile* entry = make("", false);
+  TQXFileIterator* it = TQXFileIterator::Create(std::string("Q:\\album"), &tiff, false);
+  int listed = 0;
+  std::printf("  listing Q:\\album with the TIFF filter (folders always pass):\n");
+  if (it && entry) {
+    for (it->First(entry); it->HasMore(); it->Next(entry)) {
+      TQXStringUTF8 path;
+      entry->GetPath(path);
+      std::printf("    %s%s\n", path.StrGet(), entry->IsFolder() ? "  (folder)" : "");
+      ++listed;
+    }
+  }
+  delete it;
+  Check(listed == 3, "filtered listing");
+
+  TQXFile* source = make(names[0], false);
+  TQXFile* copy = make("Q:\\album\\older\\sea-copy.tif", false);
+  const uint32_t copied = source && copy ? source->CopyTo(copy, false) : 1;
+  std::printf("  CopyTo %s -> Q:\\album\\older\\sea-copy.tif: %u\n", names[0], copied);
+  char text[64] = {};
+  uint32_t done = 0;
+  Check(copied == 0 && copy->Open() == 0 && copy->Read(text, 63, &done) == kQXErrEndOfFile &&
+            std::strcmp(text, names[0]) == 0,
+        "copied contents");
+  std::printf("  the copy reads \"%s\"\n", text);
+  if (copy) copy->Close();
+
+  Check(album && album->Delete(true) == 0, "delete folder tree");
+  std::printf("  deleted Q:\\album and everything in it\n");
+  for (TQXFile* f : {album, sub, entry, source, copy})
+    if (f) f->Release();
+  rmdir(dir);
+  QXMapDrive('Q', nullptr);
+}
+
 }  // namespace
 
 int main() {
@@ -103,6 +175,7 @@ int main() {
   ShowByteSwap();
   ShowFaultToException();
   ShowBulkCopy();
+  ShowFiles();
   std::printf("\n%s\n", gFailures == 0 ? "All services answered as expected." : "FAILURES");
   return gFailures == 0 ? 0 : 1;
 }
