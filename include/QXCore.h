@@ -4,12 +4,21 @@
 
 #include "QXBase.h"
 #include "QXByteSwap.h"
+#include "QXCountedObject.h"
+#include "QXDriveMap.h"
 #include "QXException.h"
 #include "QXFile.h"
+#include "QXFileIterator.h"
+#include "QXFileType.h"
 #include "QXGeometry.h"
 #include "QXGlobals.h"
 #include "QXMemory.h"
 #include "QXNumerics.h"
+#include "QXPlatformUtilities.h"
+#include "QXStrStream.h"
+#include "QXStream.h"
+#include "QXString.h"
+#include "QXStringUTF8.h"
 #include "QXTime.h"
 
 #endif  // QXCORE_H

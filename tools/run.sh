@@ -17,7 +17,24 @@ shift || true
 packages=(cmake ninja-build g++ make binutils pkg-config libgtest-dev libbenchmark-dev libicu-dev)
 case "$job" in
   fuzz) packages+=(clang libclang-rt-14-dev) ;;
+  test) packages+=(locales) ;;
+  bench) packages+=(libmimalloc-dev) ;;
 esac
+
+# The locales that the text tests run against (they are skipped, saying so, when one is missing).
+make_test_locales() {
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  local have
+  have=$(locale -a 2>/dev/null | tr 'A-Z' 'a-z' | tr -d '-')
+  for l in de_DE:UTF-8:de_DE.UTF-8 sv_SE:UTF-8:sv_SE.UTF-8 tr_TR:UTF-8:tr_TR.UTF-8 \
+           ja_JP:UTF-8:ja_JP.UTF-8 ja_JP:SHIFT_JIS:ja_JP.SJIS; do
+    IFS=: read -r input charmap name <<<"$l"
+    echo "$have" | grep -qx "$(echo "$name" | tr 'A-Z' 'a-z' | tr -d '-')" && continue
+    # Shift_JIS is not ASCII-compatible, which localedef warns about; the locale works.
+    $sudo localedef -i "$input" -f "$charmap" "$name" --no-warnings=ascii || true
+  done
+}
 
 install_missing() {
   local missing=()
@@ -52,6 +69,7 @@ case "$job" in
     dir=build
     [ "$sanitize" = none ] || dir=build-$sanitize
     configure_and_build "$dir" -DQX_SANITIZE="$sanitize"
+    make_test_locales
     ctest --test-dir "$dir" --output-on-failure --parallel "$(nproc)" --timeout 600
     ;;
   bench)
