@@ -7,7 +7,9 @@
 // --kernels=NAME measures the wide path with another kernel set this processor can run (portable,
 // sse2, avx2, avx512).
 #include <benchmark/benchmark.h>
+
 #include <gnu/libc-version.h>
+#include "QXBenchMain.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -185,22 +187,7 @@ bool PinKernels(std::vector<char*>& args) {
 int main(int argc, char** argv) {
   std::vector<char*> args(argv, argv + argc);
   if (!PinKernels(args)) return 1;
-  bool repetitionsGiven = false;
-  for (char* a : args)
-    repetitionsGiven |= std::strncmp(a, "--benchmark_repetitions", 23) == 0;
-  // Repetitions in random order, so that a drift of the machine (other work on the same cores or
-  // memory) falls on glibc and on the library alike.
-  static char repetitions[] = "--benchmark_repetitions=3";
-  static char aggregatesOnly[] = "--benchmark_report_aggregates_only=true";
-  static char interleaved[] = "--benchmark_enable_random_interleaving=true";
-  if (!repetitionsGiven) {
-    args.push_back(repetitions);
-    args.push_back(aggregatesOnly);
-    args.push_back(interleaved);
-  }
-  int count = int(args.size());
-  benchmark::Initialize(&count, args.data());
-  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+  if (!QXBenchInitialize(args)) return 1;
   RegisterOp<Op::kCopy>();
   RegisterOp<Op::kMove1>();
   RegisterOp<Op::kMove64>();

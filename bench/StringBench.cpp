@@ -9,6 +9,8 @@
 // repetitions (3, interleaved at random, unless --benchmark_repetitions says otherwise).
 #include <benchmark/benchmark.h>
 
+#include "QXBenchMain.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -204,20 +206,7 @@ void PrintRatios(RatioReporter& reporter) {
 
 int main(int argc, char** argv) {
   std::vector<char*> args(argv, argv + argc);
-  bool repetitionsGiven = false;
-  for (char* a : args)
-    repetitionsGiven |= std::strncmp(a, "--benchmark_repetitions", 23) == 0;
-  static char repetitions[] = "--benchmark_repetitions=3";
-  static char aggregatesOnly[] = "--benchmark_report_aggregates_only=true";
-  static char interleaved[] = "--benchmark_enable_random_interleaving=true";
-  if (!repetitionsGiven) {
-    args.push_back(repetitions);
-    args.push_back(aggregatesOnly);
-    args.push_back(interleaved);
-  }
-  int count = int(args.size());
-  benchmark::Initialize(&count, args.data());
-  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+  if (!QXBenchInitialize(args)) return 1;
   for (const Pair& p : kPairs) {
     auto* ours = benchmark::RegisterBenchmark(p.ours, p.oursFn);
     auto* anchor = benchmark::RegisterBenchmark(p.anchor, p.anchorFn);

@@ -38,7 +38,24 @@ int32_t IQXUnknown::Release() {
   QXThrowNotImplemented();
 }
 
-// TQXCountedObject. Counting wraps as 32-bit arithmetic does instead of overflowing.
+namespace {
+// The counting of both counted classes: one code, plain (not atomic) stores, wrapping as 32-bit
+// arithmetic does instead of overflowing.
+int32_t CountUp(int32_t& refCount) {
+  refCount = int32_t(uint32_t(refCount) + 1u);
+  return refCount;
+}
+
+template <class T>
+int32_t CountDown(int32_t& refCount, T* object) {
+  refCount = int32_t(uint32_t(refCount) - 1u);
+  const int32_t count = refCount;
+  if (count == 0) delete object;
+  return count;
+}
+}  // namespace
+
+// TQXCountedObject.
 TQXCountedObject::~TQXCountedObject() = default;
 
 uint32_t TQXCountedObject::QueryInterface(uint32_t, void**) {
@@ -46,15 +63,11 @@ uint32_t TQXCountedObject::QueryInterface(uint32_t, void**) {
 }
 
 int32_t TQXCountedObject::AddRef() {
-  refCount = int32_t(uint32_t(refCount) + 1u);
-  return refCount;
+  return CountUp(refCount);
 }
 
 int32_t TQXCountedObject::Release() {
-  refCount = int32_t(uint32_t(refCount) - 1u);
-  int32_t count = refCount;
-  if (count == 0) delete this;
-  return count;
+  return CountDown(refCount, this);
 }
 
 void TQXCountedObject::Create(IQXUnknown** slot) {
@@ -69,15 +82,11 @@ uint32_t TQXSMPCountedObject::QueryInterface(uint32_t, void**) {
 }
 
 int32_t TQXSMPCountedObject::AddRef() {
-  refCount = int32_t(uint32_t(refCount) + 1u);
-  return refCount;
+  return CountUp(refCount);
 }
 
 int32_t TQXSMPCountedObject::Release() {
-  refCount = int32_t(uint32_t(refCount) - 1u);
-  int32_t count = refCount;
-  if (count == 0) delete this;
-  return count;
+  return CountDown(refCount, this);
 }
 
 void TQXSMPCountedObject::Create(IQXUnknown** slot) {
