@@ -14,10 +14,11 @@ cd "$(dirname "$0")/.."
 job=${1:-}
 shift || true
 
-packages=(cmake ninja-build g++ make binutils pkg-config libgtest-dev libbenchmark-dev libicu-dev)
+packages=(cmake ninja-build g++ make binutils pkg-config libgtest-dev libbenchmark-dev libicu-dev
+  libx11-dev)
 case "$job" in
   fuzz) packages+=(clang libclang-rt-14-dev) ;;
-  test) packages+=(locales) ;;
+  test) packages+=(locales xvfb xclip) ;;
   bench) packages+=(libmimalloc-dev) ;;
 esac
 

@@ -35,7 +35,8 @@ class TQXPlatformServices {
 
   // Clipboard text. Set replaces the clipboard's text with `text` (false: the clipboard could
   // not be had). Get copies the text out (false: no text on the clipboard, or it could not be
-  // had). Has tells whether text is there. Linux: a text held in the process.
+  // had). Has tells whether text is there. Linux: the X display's CLIPBOARD selection, or a text
+  // held in the process when no display opens (Linux/QXLinuxClipboard.h).
   virtual bool SetClipboardText(const char* text) = 0;
   virtual bool GetClipboardText(std::string& out) = 0;
   virtual bool HasClipboardText() = 0;

@@ -1,9 +1,10 @@
 // The desktop services on Linux. What Linux has is used for real: the user database for the
 // name, sysinfo and the resource limits for memory, xdg-open for URLs and documents. What a
 // library cannot have without a desktop toolkit gets the fixed answers of the role's contract:
-// no beep, no colour dialog (cancelled), no mouse capture. The clipboard is a text held in the
-// process, which serves the single-application case; the module's string table and version text
-// are what the host registers, since a Linux module has no resource section.
+// no beep, no colour dialog (cancelled), no mouse capture. The clipboard is the X display's
+// CLIPBOARD selection, or a text held in the process when there is no display
+// (QXLinuxClipboard.h); the module's string table and version text are what the host registers,
+// since a Linux module has no resource section.
 #include <errno.h>
 #include <pwd.h>
 #include <spawn.h>
@@ -21,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/Linux/QXLinuxClipboard.h"
 #include "Platform/QXPlatform.h"
 #include "Platform/QXPlatformUtilities.h"
 #include "QXPlatformUtilities.h"
@@ -47,17 +49,29 @@ class TQXLinuxServices final : public TQXPlatformServices {
 
   uint32_t PlatformId() override { return kPlatformNT; }
 
+  // The clipboard allocates (texts, a connection, a thread): running out of memory there is "the
+  // clipboard could not be had", since the role's operations never throw.
   bool SetClipboardText(const char* text) override {
-    clipboard_.assign(text ? text : "");
-    hasClipboard_ = true;
-    return true;
+    try {
+      return TQXLinuxClipboard::System().Set(text);
+    } catch (...) {
+      return false;
+    }
   }
   bool GetClipboardText(std::string& out) override {
-    if (!hasClipboard_) return false;
-    out = clipboard_;
-    return true;
+    try {
+      return TQXLinuxClipboard::System().Get(out);
+    } catch (...) {
+      return false;
+    }
   }
-  bool HasClipboardText() override { return hasClipboard_; }
+  bool HasClipboardText() override {
+    try {
+      return TQXLinuxClipboard::System().Has();
+    } catch (...) {
+      return false;
+    }
+  }
 
   bool UserName(std::string& out) override {
     long size = sysconf(_SC_GETPW_R_SIZE_MAX);
@@ -143,8 +157,6 @@ class TQXLinuxServices final : public TQXPlatformServices {
   }
 
   std::map<int16_t, std::string> strings_;
-  std::string clipboard_;
-  bool hasClipboard_ = false;
   std::string version_;
   bool hasVersion_ = false;
 };
