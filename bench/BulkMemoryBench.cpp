@@ -102,35 +102,6 @@ void RegisterOp() {
   }
 }
 
-// Passes every run on to the console and keeps bytes per second by name for the ratio table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      const auto rate = run.counters.find("bytes_per_second");
-      if (rate == run.counters.end() || run.error_occurred) continue;
-      const std::string key = run.run_name.function_name + "/" + run.run_name.args;
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-        medians_[key] = rate->second.value;
-      else if (run.run_type == Run::RT_Iteration)
-        samples_[key].push_back(rate->second.value);
-    }
-  }
-
-  double Rate(const std::string& key) {
-    if (const auto m = medians_.find(key); m != medians_.end()) return m->second;
-    std::vector<double>& v = samples_[key];
-    if (v.empty()) return 0;
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-  }
-
- private:
-  std::map<std::string, double> medians_;
-  std::map<std::string, std::vector<double>> samples_;
-};
-
 // The name under which a run is registered: "op/impl/size".
 std::string Key(const char* op, const char* impl, int64_t size) {
   char key[64];
@@ -144,7 +115,7 @@ std::string SizeName(int64_t size) {
   return std::to_string(size) + " B";
 }
 
-void PrintRatios(RatioReporter& reporter) {
+void PrintRatios(QXBenchMedians& reporter) {
   std::printf("\nRatio ours / glibc in bytes per second (medians). glibc %s, wide kernels: %s\n",
               gnu_get_libc_version(), QXBulkWide().name);
   std::printf("%-30s %8s %8s %8s %12s\n", "operation", "size", "plain", "wide", "glibc GB/s");
@@ -193,7 +164,7 @@ int main(int argc, char** argv) {
   RegisterOp<Op::kMove64>();
   RegisterOp<Op::kFill>();
   RegisterOp<Op::kFillPattern>();
-  RatioReporter reporter;
+  QXBenchMedians reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   PrintRatios(reporter);
   benchmark::Shutdown();

@@ -154,40 +154,12 @@ const Pair kPairs[] = {
      EqualNoCaseStd, kCompareSizes},
 };
 
-// Passes every run on to the console and keeps the time per iteration by name.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      const std::string key = run.run_name.function_name + "/" + run.run_name.args;
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-        medians_[key] = run.GetAdjustedRealTime();
-      else if (run.run_type == Run::RT_Iteration)
-        samples_[key].push_back(run.GetAdjustedRealTime());
-    }
-  }
-
-  double Time(const std::string& key) {
-    if (const auto m = medians_.find(key); m != medians_.end()) return m->second;
-    std::vector<double>& v = samples_[key];
-    if (v.empty()) return 0;
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-  }
-
- private:
-  std::map<std::string, double> medians_;
-  std::map<std::string, std::vector<double>> samples_;
-};
-
 std::string SizeName(int64_t size) {
   if (size >= 1 << 10) return std::to_string(size >> 10) + " KiB";
   return std::to_string(size) + " B";
 }
 
-void PrintRatios(RatioReporter& reporter) {
+void PrintRatios(QXBenchMedians& reporter) {
   std::printf("\nTime TQXDynamicString / std::string (medians; above 1 is slower)\n");
   std::printf("%-26s %8s %10s %14s\n", "operation", "size", "ratio", "std::string ns");
   for (const Pair& p : kPairs) {
@@ -215,7 +187,7 @@ int main(int argc, char** argv) {
       anchor->Arg(p.sizes[i]);
     }
   }
-  RatioReporter reporter;
+  QXBenchMedians reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   PrintRatios(reporter);
   benchmark::Shutdown();
