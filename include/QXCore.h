@@ -7,6 +7,7 @@
 #include "QXCountedObject.h"
 #include "QXDriveMap.h"
 #include "QXException.h"
+#include "QXFStream.h"
 #include "QXFile.h"
 #include "QXFileIterator.h"
 #include "QXFileType.h"
@@ -15,10 +16,13 @@
 #include "QXMemory.h"
 #include "QXNumerics.h"
 #include "QXPlatformUtilities.h"
+#include "QXResource.h"
+#include "QXResourceFile.h"
 #include "QXStrStream.h"
 #include "QXStream.h"
 #include "QXString.h"
 #include "QXStringUTF8.h"
 #include "QXTime.h"
+#include "QXToken.h"
 
 #endif  // QXCORE_H

@@ -167,6 +167,124 @@ void ShowFiles() {
   QXMapDrive('Q', nullptr);
 }
 
+// A settings document in the token text: written with blocks into memory, printed, read back.
+void ShowTokenDocument() {
+  std::printf("\nToken text:\n");
+  TQXstrstream out;
+  QXToken::AttachState(out);  // an indentation of its own, not the shared default
+  QXToken::PutLong(out, QX_FOURCC('V', 'e', 'r', 's'), 2);
+  QXToken::BeginBlock(out, QX_FOURCC('B', 'r', 's', 'h'), false);
+  QXToken::PutString(out, QX_FOURCC('N', 'a', 'm', 'e'), TQXString255("Soft \"round\""));
+  QXToken::PutDouble(out, QX_FOURCC('S', 'i', 'z', 'e'), 12.5);
+  QXToken::PutPoint(out, QX_FOURCC('S', 'p', 'o', 't'), TQXPoint(3, -4));
+  QXToken::PutRect(out, QX_FOURCC('A', 'r', 'e', 'a'), TQXRect(0, 0, 640, 480));
+  QXToken::EndBlock(out);
+  const std::string text(reinterpret_cast<const char*>(out.buffer), size_t(out.Tell()));
+  for (size_t from = 0, to; (to = text.find("\r\n", from)) != std::string::npos; from = to + 2)
+    std::printf("  | %s\n", text.substr(from, to - from).c_str());
+
+  TQXstrstream in(out.buffer, out.Tell(), kQXStreamReadable);
+  try {
+    Check(QXToken::GetCode(in) == QX_FOURCC('V', 'e', 'r', 's'), "token Vers");
+    const int32_t version = QXToken::GetLong(in);
+    Check(QXToken::GetCode(in) == QX_FOURCC('B', 'r', 's', 'h'), "token Brsh");
+    QXToken::ExpectOpen(in);
+    TQXDynamicString name;
+    QXToken::GetCode(in);
+    QXToken::GetLongString(in, name);
+    QXToken::GetCode(in);
+    const double size = QXToken::GetDouble(in);
+    TQXPoint spot;
+    QXToken::GetCode(in);
+    QXToken::GetPoint(in, spot);
+    TQXRect area;
+    QXToken::GetCode(in);
+    QXToken::GetRect(in, area);
+    QXToken::ExpectClose(in);
+    std::printf("  read back: version %" PRId32 ", name %s, size %g, spot %" PRId32 ",%" PRId32
+                ", area %" PRId32 " x %" PRId32 "\n",
+                version, name.StrGet(), size, spot.h, spot.v, area.GetWidth(), area.GetHeight());
+    Check(version == 2 && std::strcmp(name.StrGet(), "Soft \"round\"") == 0 && size == 12.5 &&
+              spot.h == 3 && spot.v == -4 && area.GetWidth() == 640 && area.GetHeight() == 480,
+          "token values read back");
+  } catch (const TQXException& e) {
+    std::printf("  !! token read failed: 0x%08" PRIX32 "\n", e.code);
+    ++gFailures;
+  }
+}
+
+// A file stream and a resource file on a temporary directory mapped to drive R:: a text file
+// written and read back line by line, then a resource file with a "STR#" list, a string read
+// back through the chain, and the file listed.
+void ShowFileStreamAndResources() {
+  std::printf("\nFile stream and resource file:\n");
+  char dir[] = "/tmp/qxdemo-XXXXXX";
+  if (!mkdtemp(dir) || QXMapDrive('R', dir) != 0) {
+    Check(false, "temporary drive");
+    return;
+  }
+  {
+    bool created = false;
+    TQXfstream out("R:\\notes.txt", kQXStreamWritable, 4096, &created);
+    out << "first line" << endl << "second line" << endl;
+    std::printf("  wrote R:\\notes.txt through a 4 KiB buffer (created: %d)\n", int(created));
+  }
+  {
+    TQXfstream in("R:\\notes.txt", kQXStreamReadable, 4096, nullptr);
+    char line[64];
+    int lines = 0;
+    while (lines < 4 && in.GetLine(line, sizeof line, '\n') == '\n') {
+      std::printf("  read  \"%s\"\n", line);
+      ++lines;
+    }
+    Check(lines == 2, "two lines read back");
+  }
+
+  TQXFile* file = nullptr;
+  TQXFile::Create(&file);
+  if (file) file->SetFullPath(TQXStringUTF8(std::string("R:\\demo.rsrc")), false);
+  TQXResourceFile::InitCurrentRessourceFile();
+  if (file && TQXResourceFile::CreateEmpty(file) == 0) {
+    auto* resources = new TQXResourceFile(file, true, false);
+    // "STR#": a big-endian count, then length-prefixed strings.
+    static const unsigned char list[] = {0,   2, 5,   'H', 'e', 'l', 'l',
+                                         'o', 5, 'W', 'o', 'r', 'l', 'd'};
+    void* block = QXmalloc(sizeof list);
+    if (block) QXmemcpy(block, list, sizeof list);
+    auto* strings = new TQXResource(block, block ? uint32_t(sizeof list) : 0, 128,
+                                    kQXResTypeStringList, TQXString255("Greetings"));
+    resources->AddResource(*strings);
+    strings->ReleaseResource();  // the file keeps it until it is written
+    const uint32_t updated = resources->UpdateResFile(nullptr);
+    std::printf("  created R:\\demo.rsrc, UpdateResFile: 0x%08" PRIX32 "\n", updated);
+    TQXString255 text;
+    const uint32_t found = TQXResourceFile::GetIndString(text, 128, 2);
+    std::printf("  GetIndString(STR# 128, 2): \"%s\"\n", found == 0 ? text.StrGet() : "");
+    Check(updated == 0 && found == 0 && std::strcmp(text.StrGet(), "World") == 0,
+          "string read back from the resource file");
+    for (int32_t t = 1; t <= resources->CountTypes(); ++t) {
+      uint32_t type = 0;
+      resources->GetIndexedType(type, t);
+      for (int32_t r = 1; r <= resources->CountResources(type); ++r) {
+        TQXResourceEntryInfo info;
+        resources->GetIndexedEntryInfo(type, r, info);
+        std::printf("  '%c%c%c%c' %d \"%s\" attributes 0x%02X, %u bytes\n", char(type >> 24),
+                    char(type >> 16), char(type >> 8), char(type), int(info.id), info.name.StrGet(),
+                    unsigned(info.attributes), unsigned(info.diskSize));
+      }
+    }
+    delete resources;
+  } else {
+    Check(false, "create resource file");
+  }
+  if (file) file->Release();
+  TQXResourceFile::ShutDown();
+  unlink((std::string(dir) + "/notes.txt").c_str());
+  unlink((std::string(dir) + "/demo.rsrc").c_str());
+  rmdir(dir);
+  QXMapDrive('R', nullptr);
+}
+
 }  // namespace
 
 int main() {
@@ -176,6 +294,8 @@ int main() {
   ShowFaultToException();
   ShowBulkCopy();
   ShowFiles();
+  ShowTokenDocument();
+  ShowFileStreamAndResources();
   std::printf("\n%s\n", gFailures == 0 ? "All services answered as expected." : "FAILURES");
   return gFailures == 0 ? 0 : 1;
 }
