@@ -412,6 +412,31 @@ uint32_t TQXResourceFile::Access::Rewrite(TQXResourceFile& rf, TQXProgress* prog
     TQXBufferedWriter out(temp, true);
 
     // The placeholder header; only its length matters until the real one replaces it.
+    // An entry without a live object is copied from the real file in pieces through this block
+    // instead of being loaded whole, written and released: the same bytes and results, without
+    // a block of the blob's size to allocate and fault in. Without the block it is loaded.
+    constexpr uint32_t kPiece = 1u << 20;
+    auto* const piece = static_cast<uint8_t*>(QXmalloc(kPiece));
+    auto copyEntry = [&](uint32_t ref, uint32_t& size) -> uint32_t {
+      const uint32_t position24 = Get32(image + ref + kRefAttrPos) & kPosMask;
+      const uint64_t position = uint64_t(Get32(image + kDataOffset)) + position24;
+      size = 0;
+      if (position24 != kQXResNoData) {  // as LoadEntry: no block on disk reads as empty
+        if (const uint32_t error = ReadLengthWord(rf.file, position, size)) return error;
+        uint32_t fileLength = 0;
+        if (const uint32_t error = rf.file->GetLength(&fileLength)) return error;
+        if (position + 4 + size > fileLength) return kQXErrEndOfFile;
+      }
+      out.PutBE32(size);
+      for (uint32_t done = 0; done < size && !out.Error();) {
+        const uint32_t n = size - done < kPiece ? size - done : kPiece;
+        if (const uint32_t error = ReadAt(rf.file, position + 4 + done, piece, n)) return error;
+        out.Put(piece, n);
+        done += n;
+      }
+      return 0;
+    };
+
     uint8_t header[kQXResHeaderSize] = {};
     Put32(header + 0, kQXResHeaderSize);
     Put32(header + 4, kQXResHeaderSize);
@@ -429,21 +454,26 @@ uint32_t TQXResourceFile::Access::Rewrite(TQXResourceFile& rf, TQXProgress* prog
       for (int32_t r = 0; r < refs && !result && !out.Error(); ++r) {
         const uint32_t ref = walk.RefEntry(entry, r);
         TQXResource* object = SlotObject(image, ref);
-        const bool loadedHere = object == nullptr;
-        if (loadedHere) {
-          if ((result = LoadEntry(rf, ref, type, true)) != 0) break;
-          object = SlotObject(image, ref);
-          ++object->useCount;
+        uint32_t size = 0;
+        if (!object && piece) {
+          if ((result = copyEntry(ref, size)) != 0) break;
+        } else {
+          const bool loadedHere = object == nullptr;
+          if (loadedHere) {
+            if ((result = LoadEntry(rf, ref, type, true)) != 0) break;
+            object = SlotObject(image, ref);
+            ++object->useCount;
+          }
+          size = object->size;
+          out.PutBE32(size);
+          // A free-standing resource whose buffer could not be allocated has a size and no
+          // data; its block is written as zeros rather than read from a null pointer.
+          if (object->data)
+            out.Put(object->data, size);
+          else
+            out.PutZeros(size);
+          if (loadedHere) object->ReleaseResource();
         }
-        const uint32_t size = object->size;
-        out.PutBE32(size);
-        // A free-standing resource whose buffer could not be allocated has a size and no data;
-        // its block is written as zeros rather than read from a null pointer.
-        if (object->data)
-          out.Put(object->data, size);
-        else
-          out.PutZeros(size);
-        if (loadedHere) object->ReleaseResource();
         if (const uint8_t* name = walk.Name(ref)) nameBytes += 1u + name[0];
         const uint32_t attrPos = Get32(image + ref + kRefAttrPos);
         Put32(image + ref + kRefAttrPos, (attrPos & ~kPosMask) | (p & kPosMask));
@@ -452,6 +482,7 @@ uint32_t TQXResourceFile::Access::Rewrite(TQXResourceFile& rf, TQXProgress* prog
         mapLength += kRefEntrySize;
       }
     }
+    QXfree(piece);
     if (!result) result = out.Error();
     if (!result) {
       const uint32_t mapOffset = dataLength + kQXResHeaderSize;
