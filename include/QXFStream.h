@@ -62,7 +62,9 @@ class QX_EXPORT TQXfstream : public TQXiostream {
   void GetChar(char& c) override {
     if (bufferPos < bufferFill && (mode & kQXStreamReadable) != 0) {
       c = char(buffer[bufferPos++]);
-      state = 0;
+      // Cleared only when set: a reader that stops on a non-zero state keeps it 0 in a loop,
+      // and the byte then costs no store to it.
+      if (state != 0) state = 0;
       return;
     }
     GetCharSlow(c);
