@@ -29,11 +29,39 @@ struct FileRef {
     if (file) file->Release();
   }
   TQXFile* operator->() const { return file; }
+  int32_t Access() const {
+    int32_t mode = -1;
+    file->GetAccess(&mode);
+    return mode;
+  }
   TQXFile* file = nullptr;
 };
 
 std::string S(const TQXStringUTF8& s) {
   return std::string(s);
+}
+
+std::string RandomBytes(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::string data(n, '\0');
+  for (char& c : data)
+    c = char(rng());
+  return data;
+}
+
+// Every entry of a folder by the iterator: its name with "/" behind a folder's, or its full path.
+std::set<std::string> Walk(const std::string& folder, TQXFileType* filter = nullptr,
+                           bool followShortcuts = false, bool fullPaths = false) {
+  std::set<std::string> found;
+  FileRef entry;
+  TQXFileIterator* it = TQXFileIterator::Create(folder, filter, followShortcuts);
+  for (it->First(entry.file); it->HasMore(); it->Next(entry.file)) {
+    TQXStringUTF8 text;
+    fullPaths ? entry->GetPath(text) : entry->GetName(text);
+    found.insert(S(text) + (!fullPaths && entry->IsFolder() ? "/" : ""));
+  }
+  delete it;
+  return found;
 }
 
 template <class Backend>
@@ -66,19 +94,6 @@ class FileBackend : public ::testing::Test {
     if (length) f->Read(data.data(), length, &done);
     f->Close();
     return data;
-  }
-  // Every entry of a folder by the iterator: name, and "/" behind a folder's.
-  std::set<std::string> List(const std::string& folder, TQXFileType* filter = nullptr) {
-    std::set<std::string> names;
-    FileRef entry;
-    TQXFileIterator* it = TQXFileIterator::Create(folder, filter, false);
-    for (it->First(entry.file); it->HasMore(); it->Next(entry.file)) {
-      TQXStringUTF8 name;
-      entry->GetName(name);
-      names.insert(S(name) + (entry->IsFolder() ? "/" : ""));
-    }
-    delete it;
-    return names;
   }
 
   Backend backend_;
@@ -148,9 +163,7 @@ TYPED_TEST(FileBackend, AccessModesAndAttributes) {
   this->Put("T:\\a.txt", "abc");
   FileRef f("T:\\a.txt");
   EXPECT_EQ(f->SetAccess(1), 0u);
-  int32_t mode = 0;
-  f->GetAccess(&mode);
-  EXPECT_EQ(mode, 1);
+  EXPECT_EQ(f.Access(), 1);
   ASSERT_EQ(f->Open(), 0u);
   uint32_t done = 0;
   EXPECT_EQ(f->Write("x", 1, &done), uint32_t(kQXErrIO));  // read-only open
@@ -171,8 +184,7 @@ TYPED_TEST(FileBackend, AccessModesAndAttributes) {
   EXPECT_TRUE(read.isLocked);
   EXPECT_EQ(read.modificationTime.Count(), 132000000000000000ull);
   EXPECT_EQ(f->SetAccess(3), uint32_t(kQXErrOpenFailed));
-  f->GetAccess(&mode);
-  EXPECT_EQ(mode, 3);  // stays: the failed SetAccess left the last value
+  EXPECT_EQ(f.Access(), 3);  // stays: the failed SetAccess left the last value
   FileRef g("T:\\a.txt");
   g->SetAccess(2);
   EXPECT_EQ(g->Open(), uint32_t(kQXErrNotFound));
@@ -239,7 +251,7 @@ TYPED_TEST(FileBackend, RenameMoveCopyDelete) {
 TYPED_TEST(FileBackend, IteratorEntriesFiltersAndChain) {
   FileRef folder("T:\\walk", true);
   ASSERT_EQ(folder->CreateOnDisk(), 0u);
-  EXPECT_TRUE(this->List("T:\\walk").empty());
+  EXPECT_TRUE(Walk("T:\\walk").empty());
   this->Put("T:\\walk\\a.tif", "1");
   this->Put("T:\\walk\\b.TIFF", "2");
   this->Put("T:\\walk\\c.jpg", "3");
@@ -247,12 +259,12 @@ TYPED_TEST(FileBackend, IteratorEntriesFiltersAndChain) {
   ASSERT_EQ(FileRef("T:\\walk\\sub.tif", true)->CreateOnDisk(), 0u);
   ASSERT_EQ(FileRef("T:\\walk\\plain", true)->CreateOnDisk(), 0u);
   const std::set<std::string> all = {"a.tif", "b.TIFF", "c.jpg", "noext", "sub.tif/", "plain/"};
-  EXPECT_EQ(this->List("T:\\walk"), all);
-  EXPECT_EQ(this->List("T:\\walk\\"), all);
+  EXPECT_EQ(Walk("T:\\walk"), all);
+  EXPECT_EQ(Walk("T:\\walk\\"), all);
 
   TQXFileType tif;
   tif.AddPlatformType(0x74696600);
-  EXPECT_EQ(this->List("T:\\walk", &tif), (std::set<std::string>{"a.tif", "sub.tif/", "plain/"}));
+  EXPECT_EQ(Walk("T:\\walk", &tif), (std::set<std::string>{"a.tif", "sub.tif/", "plain/"}));
 
   // A folder's entry carries its separator; the file's record is filled from the listing.
   {
@@ -277,8 +289,8 @@ TYPED_TEST(FileBackend, IteratorEntriesFiltersAndChain) {
     delete second;
     delete it;
   }
-  EXPECT_EQ(this->List("t:\\walk"), all);  // once the others are gone
-  EXPECT_TRUE(this->List("T:\\nowhere").empty());
+  EXPECT_EQ(Walk("t:\\walk"), all);  // once the others are gone
+  EXPECT_TRUE(Walk("T:\\nowhere").empty());
   EXPECT_EQ(gFileIterators, nullptr);
 }
 
@@ -313,7 +325,7 @@ TYPED_TEST(FileBackend, CopyTreeRoundTrip) {
   for (const std::string& sub : folders) {
     FileRef d("T:\\dst" + sub, true);
     EXPECT_TRUE(d->Exists()) << sub;
-    EXPECT_EQ(this->List("T:\\dst" + sub), this->List("T:\\src" + sub)) << sub;
+    EXPECT_EQ(Walk("T:\\dst" + sub), Walk("T:\\src" + sub)) << sub;
   }
   // Refusals: a missing source, a folder onto a file.
   this->Put("T:\\plainfile", "p");
@@ -370,16 +382,11 @@ TEST_F(FakeFiles, ErrorPoliciesPerOperation) {
   EXPECT_EQ(f->SetAccess(1), uint32_t(kQXErrNotFound));
   fake_.FailCall(TQXFakeFileSystem::Op::kTestAccess, 1, kQXSysSharingViolation);
   EXPECT_EQ(f->SetAccess(1), uint32_t(kQXErrOpenFailed));
-  int32_t mode = 0;
-  f->GetAccess(&mode);
-  EXPECT_EQ(mode, 3);
+  EXPECT_EQ(f.Access(), 3);
 }
 
 TEST_F(FakeFiles, CopyReopensAndPortableCopySurvivesSmallBuffers) {
-  std::string data(50000, '\0');
-  std::mt19937 rng(7);
-  for (char& c : data)
-    c = char(rng());
+  const std::string data = RandomBytes(50000, 7);
   fake_.PutFile("T:\\f\\src", data);
   FileRef src("T:\\f\\src"), dst("T:\\f\\dst");
   ASSERT_EQ(src->Open(), 0u);
@@ -398,11 +405,8 @@ TEST_F(FakeFiles, CopyReopensAndPortableCopySurvivesSmallBuffers) {
   FileRef dst2("T:\\f\\dst2");
   fake_.FailCall(TQXFakeFileSystem::Op::kWrite, 2, kQXSysWriteFault);
   EXPECT_EQ(src->TQXFile::CopyTo(dst2.file, false), uint32_t(kQXErrIO));
-  int32_t mode = 0;
-  src->GetAccess(&mode);
-  EXPECT_EQ(mode, 3);
-  dst2->GetAccess(&mode);
-  EXPECT_EQ(mode, 3);
+  EXPECT_EQ(src.Access(), 3);
+  EXPECT_EQ(dst2.Access(), 3);
   EXPECT_FALSE(src->IsOpen());
   EXPECT_FALSE(dst2->IsOpen());
 }
@@ -410,10 +414,7 @@ TEST_F(FakeFiles, CopyReopensAndPortableCopySurvivesSmallBuffers) {
 // The portable copy under every allocation failure in turn: each run either copies exactly or
 // fails, and leaks nothing; a failing copy buffer falls back to a smaller one.
 TEST_F(FakeFiles, PortableCopyUnderAllocationFailures) {
-  std::string data(40000, '\0');
-  std::mt19937 rng(11);
-  for (char& c : data)
-    c = char(rng());
+  const std::string data = RandomBytes(40000, 11);
   fake_.PutFile("T:\\f\\src", data);
   FileRef src("T:\\f\\src"), dst("T:\\f\\dst");
   for (bool persistent : {false, true}) {
@@ -467,15 +468,7 @@ TEST_F(FakeFiles, ShortcutsAreFollowedAndAncestorsSkipped) {
     std::strcpy(target, to);
     return 0;
   };
-  std::set<std::string> seen;
-  FileRef entry;
-  TQXFileIterator* it = TQXFileIterator::Create(std::string("T:\\f\\w"), nullptr, true);
-  for (it->First(entry.file); it->HasMore(); it->Next(entry.file)) {
-    TQXStringUTF8 p;
-    entry->GetPath(p);
-    seen.insert(S(p));
-  }
-  delete it;
+  const std::set<std::string> seen = Walk("T:\\f\\w", nullptr, true, true);
   TWIN_QXFileIterator::fgResolver = nullptr;
   EXPECT_EQ(seen, (std::set<std::string>{"T:\\other\\target.tif", "T:\\f\\w\\inner\\"}));
   // Without a resolver a shortcut is an ordinary file.

@@ -4,6 +4,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Platform/Fake/QXFakeFileSystem.h"
@@ -18,6 +19,15 @@ namespace {
 // A file object that releases itself.
 struct FileRef {
   FileRef() { TQXFile::Create(&file); }
+  explicit FileRef(const std::string& path, bool folder = false) : FileRef() {
+    file->SetPath(TQXStringUTF8(path), folder);
+  }
+  // What a string getter gives, into a string that held something before.
+  std::string Get(uint32_t (TQXFile::*getter)(TQXStringUTF8&) const) const {
+    TQXStringUTF8 out(std::string("junk"));
+    (file->*getter)(out);
+    return std::string(out);
+  }
   ~FileRef() {
     if (file) file->Release();
   }
@@ -29,58 +39,36 @@ std::string S(const TQXStringUTF8& s) {
   return std::string(s);
 }
 
-std::string Name(const char* path, bool folder) {
-  FileRef f;
-  f->SetPath(TQXStringUTF8(std::string(path)), folder);
-  TQXStringUTF8 out;
-  f->GetName(out);
-  return S(out);
-}
-
 TEST(FilePaths, NamesFolderPathsAndBaseNames) {
-  struct Case {
-    const char* path;
-    bool folder;
-    const char* name;
-    const char* folderPath;
-    const char* base;
-  };
-  const Case cases[] = {
-      {"C:\\a\\b.txt", false, "b.txt", "C:\\a\\", "b"},
-      {"C:\\a\\b\\", true, "b", "C:\\a\\b\\", "b"},
-      {"C:\\a\\c.tar.gz", false, "c.tar.gz", "C:\\a\\", "c.tar"},
-      {"\\\\server\\share\\a.tif", false, "a.tif", "\\\\server\\share\\", "a"},
-      {"abc", false, "abc", "", "abc"},
-      {"\\", false, "\\", "\\", "\\"},
-      {"\\tmp\\x", false, "x", "\\tmp\\", "x"},
-      {"C:\\a.b\\c", false, "c", "C:\\a.b\\", "c"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.path);
-    FileRef f;
-    f->SetPath(TQXStringUTF8(std::string(c.path)), c.folder);
-    TQXStringUTF8 out;
-    f->GetName(out);
-    EXPECT_EQ(S(out), c.name);
-    f->GetFolderPath(out);
-    EXPECT_EQ(S(out), c.folderPath);
-    f->GetBaseName(out);
-    EXPECT_EQ(S(out), c.base);
+  using Case = std::tuple<const char*, bool, const char*, const char*, const char*>;
+  for (auto [path, folder, name, folderPath, base] : std::initializer_list<Case>{
+           {"C:\\a\\b.txt", false, "b.txt", "C:\\a\\", "b"},
+           {"C:\\a\\b\\", true, "b", "C:\\a\\b\\", "b"},
+           {"C:\\a\\c.tar.gz", false, "c.tar.gz", "C:\\a\\", "c.tar"},
+           {"\\\\server\\share\\a.tif", false, "a.tif", "\\\\server\\share\\", "a"},
+           {"abc", false, "abc", "", "abc"},
+           {"\\", false, "\\", "\\", "\\"},
+           {"\\tmp\\x", false, "x", "\\tmp\\", "x"},
+           {"C:\\a.b\\c", false, "c", "C:\\a.b\\", "c"},
+       }) {
+    SCOPED_TRACE(path);
+    FileRef f(path, folder);
+    EXPECT_EQ(f.Get(&TQXFile::GetName), name);
+    EXPECT_EQ(f.Get(&TQXFile::GetFolderPath), folderPath);
+    EXPECT_EQ(f.Get(&TQXFile::GetBaseName), base);
   }
   // POSIX separators and later colons become the separator; the drive's colon stays.
-  EXPECT_EQ(Name("/tmp/dir/file.c", false), "file.c");
-  EXPECT_EQ(Name("C:/x/y:z", false), "z");
-  FileRef f;
-  f->SetPath(TQXStringUTF8(std::string("C:/x/y:z")), false);
-  TQXStringUTF8 uniform;
-  f->GetPath(uniform);
-  EXPECT_EQ(S(uniform), "C:\\x\\y\\z");
+  EXPECT_EQ(FileRef("/tmp/dir/file.c").Get(&TQXFile::GetName), "file.c");
+  EXPECT_EQ(FileRef("C:/x/y:z").Get(&TQXFile::GetName), "z");
+  EXPECT_EQ(FileRef("C:/x/y:z").Get(&TQXFile::GetPath), "C:\\x\\y\\z");
 }
 
-// Random paths from a small alphabet against a model of the rules on std::string: separators
-// made uniform, the name behind the last separator, the extension behind a last dot that stands
-// behind it, and SetExtension's cut or append.
+// Fixed, then random paths from a small alphabet against a model of the rules on std::string:
+// separators made uniform, the name behind the last separator, the extension behind a last dot
+// that stands behind it, and SetExtension's cut or append.
 TEST(FilePaths, RandomPathsMatchStringModel) {
+  const char* fixed[] = {"C:\\a.b\\c", "C:\\a\\c.tar.gz", "C:\\a\\c.",  "noext",       "x.JPEG",
+                         "C:\\a\\b",   "C:\\a\\b.tif",    "C:\\a.d\\b", "C:\\a\\b.c.d"};
   std::mt19937 rng(20261122);
   const char alphabet[] = "ab.\\/:";
   for (int round = 0; round < 3000; ++round) {
@@ -88,6 +76,7 @@ TEST(FilePaths, RandomPathsMatchStringModel) {
     const int n = 1 + int(rng() % 10);
     for (int i = 0; i < n; ++i)
       p += alphabet[rng() % 6];
+    if (round < int(std::size(fixed))) p = fixed[round];
     SCOPED_TRACE(p);
     std::string uniform = p;
     for (size_t i = 0; i < uniform.size(); ++i)
@@ -95,67 +84,37 @@ TEST(FilePaths, RandomPathsMatchStringModel) {
     const size_t sep = p.find_last_of('\\'), dot = p.find_last_of('.');
     const bool hasExt = dot != std::string::npos && (sep == std::string::npos || dot > sep);
 
-    FileRef f;
-    f->SetPath(TQXStringUTF8(p), false);
-    TQXStringUTF8 out;
-    f->GetPath(out);
-    ASSERT_EQ(S(out), uniform);
-    f->GetFolderPath(out);
-    ASSERT_EQ(S(out), sep == std::string::npos ? "" : p.substr(0, sep + 1));
-    f->GetExtension(out);
+    FileRef f(p);
+    const std::string folder = sep == std::string::npos ? "" : p.substr(0, sep + 1);
+    ASSERT_EQ(f.Get(&TQXFile::GetPath), uniform);
+    ASSERT_EQ(f.Get(&TQXFile::GetFolderPath), folder);
+    TQXStringUTF8 out(std::string("junk"));
+    ASSERT_EQ(f->GetExtension(out), 0u);
     ASSERT_EQ(S(out), hasExt ? p.substr(dot + 1) : "");
-    f->GetName(out);
     const size_t usep = uniform.find_last_of('\\');
-    ASSERT_EQ(S(out), usep == std::string::npos || uniform.size() == 1 ? uniform
-                                                                       : uniform.substr(usep + 1));
+    ASSERT_EQ(f.Get(&TQXFile::GetName), usep == std::string::npos || uniform.size() == 1
+                                            ? uniform
+                                            : uniform.substr(usep + 1));
     f->SetExtension(TQXStringUTF8(std::string("xy")));
-    f->GetExtension(out);
-    ASSERT_EQ(S(out), "xy");
-    TQXStringUTF8 stored;
-    f->GetFolderPath(stored);
-    ASSERT_EQ(S(stored), sep == std::string::npos ? "" : p.substr(0, sep + 1));
+    ASSERT_EQ(f.Get(&TQXFile::GetPath),
+              (hasExt ? uniform.substr(0, dot + 1) : uniform + ".") + "xy");
+    ASSERT_EQ(f.Get(&TQXFile::GetExtension), "xy");
+    ASSERT_EQ(f.Get(&TQXFile::GetFolderPath), folder);
   }
 }
 
-TEST(FilePaths, ExtensionsGetAndSet) {
-  auto ext = [](const char* path) {
-    FileRef f;
-    f->SetPath(TQXStringUTF8(std::string(path)), false);
-    TQXStringUTF8 out("junk");
-    EXPECT_EQ(f->GetExtension(out), 0u);
-    return S(out);
-  };
-  EXPECT_EQ(ext("C:\\a.b\\c"), "");
-  EXPECT_EQ(ext("C:\\a\\c.tar.gz"), "gz");
-  EXPECT_EQ(ext("C:\\a\\c."), "");
-  EXPECT_EQ(ext("noext"), "");
-  EXPECT_EQ(ext("x.JPEG"), "JPEG");
-
-  auto setExt = [](const char* path, const char* e) {
-    FileRef f;
-    f->SetPath(TQXStringUTF8(std::string(path)), false);
-    f->SetExtension(TQXStringUTF8(std::string(e)));
-    TQXStringUTF8 out;
-    f->GetPath(out);
-    return S(out);
-  };
-  EXPECT_EQ(setExt("C:\\a\\b", "jpg"), "C:\\a\\b.jpg");
-  EXPECT_EQ(setExt("C:\\a\\b.tif", "jpg"), "C:\\a\\b.jpg");
-  EXPECT_EQ(setExt("C:\\a.d\\b", "jpg"), "C:\\a.d\\b.jpg");
-  EXPECT_EQ(setExt("C:\\a\\b.c.d", "e"), "C:\\a\\b.c.e");
+TEST(FilePaths, ExtensionOfALongNameAndBaseNameReplacement) {
   // A name longer than 250 characters keeps its length.
-  const std::string longName(300, 'n');
-  EXPECT_EQ(setExt(("C:\\" + longName).c_str(), "tif"), "C:\\" + longName + ".tif");
-}
+  const std::string longName = "C:\\" + std::string(300, 'n');
+  FileRef named(longName);
+  named->SetExtension(TQXStringUTF8(std::string("tif")));
+  EXPECT_EQ(named.Get(&TQXFile::GetPath), longName + ".tif");
 
-TEST(FilePaths, BaseNameReplacementKeepsTheExtension) {
+  // A new base name keeps the extension.
   auto setBase = [](const char* path, const char* base) {
-    FileRef f;
-    f->SetPath(TQXStringUTF8(std::string(path)), false);
+    FileRef f(path);
     f->SetBaseName(TQXStringUTF8(std::string(base)));
-    TQXStringUTF8 out;
-    f->GetPath(out);
-    return S(out);
+    return f.Get(&TQXFile::GetPath);
   };
   EXPECT_EQ(setBase("C:\\a\\photo.jpg", "new"), "C:\\a\\new.jpg");
   EXPECT_EQ(setBase("C:\\a.d\\photo", "new"), "C:\\a.d\\new");
@@ -164,8 +123,7 @@ TEST(FilePaths, BaseNameReplacementKeepsTheExtension) {
 }
 
 TEST(FilePaths, RelativePathsAndSameFile) {
-  FileRef f, g;
-  f->SetPath(TQXStringUTF8(std::string("c:\\a\\b.txt")), false);
+  FileRef f("c:\\a\\b.txt"), g;
   TQXStringUTF8 out;
   f->GetRelativePath(out, TQXStringUTF8(std::string("C:\\A\\")));
   EXPECT_EQ(S(out), "\\b.txt");
@@ -176,12 +134,10 @@ TEST(FilePaths, RelativePathsAndSameFile) {
   QXPlatform::ScopedRole<TQXPlatformFileSystem> role(fake);
   TQXStringUTF8 rel(std::string("/sub/x.tif"));
   g->SetRelativePath(rel, TQXStringUTF8(std::string("C:\\root\\")), false);
-  g->GetPath(out);
-  EXPECT_EQ(S(out), "C:\\root\\sub\\x.tif");
+  EXPECT_EQ(g.Get(&TQXFile::GetPath), "C:\\root\\sub\\x.tif");
   EXPECT_EQ(S(rel), "\\sub\\x.tif");  // made uniform in place
 
   g->SetPath(TQXStringUTF8(std::string("c:/a/b.txt")), false);
-  f->SetPath(TQXStringUTF8(std::string("c:\\a\\b.txt")), false);
   EXPECT_TRUE(f->IsSameFile(g.file));
   g->SetPath(TQXStringUTF8(std::string("C:\\a\\b.txt")), false);
   EXPECT_FALSE(f->IsSameFile(g.file));  // exact, with case
@@ -193,36 +149,27 @@ TEST(FilePaths, SetPathAndFullPathForms) {
   fake.MakeFolders("C:\\cur");
   fake.SetCurrentDirectory("C:\\cur");
   QXPlatform::ScopedRole<TQXPlatformFileSystem> role(fake);
-  struct Case {
-    const char* given;
-    bool folder;
-    const char* path;
-    uint32_t type;
-  };
-  const Case cases[] = {
-      {"C:\\x\\photo.JPG", false, "C:\\x\\photo.JPG", 0x6A706700},
-      {"C:\\x", true, "C:\\x\\", 0},
-      {"C:\\x\\", true, "C:\\x\\", 0},
-      {".hidden", false, "C:\\cur\\.hidden", 0x68696464},
-      {"\\\\server\\share\\a", false, "\\\\server\\share\\a", 0},
-      {"a\\b.jpeg", false, "C:\\cur\\a\\b.jpeg", 0x6A706567},
-      {"/tmp/a.tiff", false, "C:\\tmp\\a.tiff", 0x74696666},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.given);
+  using Case = std::tuple<const char*, bool, const char*, uint32_t>;
+  for (auto [given, folder, path, type] : std::initializer_list<Case>{
+           {"C:\\x\\photo.JPG", false, "C:\\x\\photo.JPG", 0x6A706700},
+           {"C:\\x", true, "C:\\x\\", 0},
+           {"C:\\x\\", true, "C:\\x\\", 0},
+           {".hidden", false, "C:\\cur\\.hidden", 0x68696464},
+           {"\\\\server\\share\\a", false, "\\\\server\\share\\a", 0},
+           {"a\\b.jpeg", false, "C:\\cur\\a\\b.jpeg", 0x6A706567},
+           {"/tmp/a.tiff", false, "C:\\tmp\\a.tiff", 0x74696666},
+       }) {
+    SCOPED_TRACE(given);
     FileRef f;
-    f->SetFullPath(TQXStringUTF8(std::string(c.given)), c.folder);
-    TQXStringUTF8 out;
-    f->GetPath(out);
-    EXPECT_EQ(S(out), c.path);
+    f->SetFullPath(TQXStringUTF8(std::string(given)), folder);
+    EXPECT_EQ(f.Get(&TQXFile::GetPath), path);
     TQXFileInfo info;
     f->GetCachedInfo(info);
-    EXPECT_EQ(info.fileType, c.type);
-    EXPECT_EQ(f->IsFolder(), c.folder);
+    EXPECT_EQ(info.fileType, type);
+    EXPECT_EQ(f->IsFolder(), folder);
   }
   // Taken as it stands, a leading dot is no extension.
-  FileRef dot;
-  dot->SetPath(TQXStringUTF8(std::string(".hidden")), false);
+  FileRef dot(".hidden");
   TQXFileInfo info;
   dot->GetCachedInfo(info);
   EXPECT_EQ(info.fileType, 0u);
@@ -274,15 +221,10 @@ TEST(FileTypes, ExtensionCodes) {
   EXPECT_EQ(TWIN_QXFile::ExtensionCode("jpeg"), 0x6A706567u);
   EXPECT_EQ(TWIN_QXFile::ExtensionCode("jpegxyz"), 0x6A706567u);
   EXPECT_EQ(TWIN_QXFile::ExtensionCode(""), 0u);
-  auto text = [](const char* t) {
-    return TWIN_QXFile::TextExtensionCode(TQXStringUTF8(std::string(t)));
-  };
-  EXPECT_EQ(text("a.b"), 0x62000000u);
-  EXPECT_EQ(text(".b"), 0u);  // a dot at index 0 is no extension
-  EXPECT_EQ(text("x"), 0u);
-  EXPECT_EQ(text("a.b\\c"), 0u);
-  EXPECT_EQ(text("abc."), 0u);
-  // Randomized: the code equals the reference of its definition.
+  EXPECT_EQ(TWIN_QXFile::TextExtensionCode(TQXStringUTF8(std::string("a.b"))), 0x62000000u);
+  // Fixed, then random texts: the code equals the reference of its definition (a dot at index 0
+  // is no extension).
+  const char* fixed[] = {".b", "x", "a.b\\c", "abc."};
   std::mt19937 rng(6);
   const char alphabet[] = "aB.\\xYz9";
   for (int round = 0; round < 2000; ++round) {
@@ -290,6 +232,7 @@ TEST(FileTypes, ExtensionCodes) {
     const int n = int(rng() % 9);
     for (int i = 0; i < n; ++i)
       s += alphabet[rng() % 8];
+    if (round < int(std::size(fixed))) s = fixed[round];
     uint32_t expected = 0;
     const size_t dot = s.find_last_of('.'), sep = s.find_last_of('\\');
     if (s.size() > 1 && dot != std::string::npos && dot > 0 &&
@@ -325,8 +268,7 @@ TEST(FileTypes, ListLookupsAndRegistry) {
   gFileTypeList->Add(none);
   EXPECT_FALSE(gFileTypeList->AllSameGroup());
 
-  FileRef f;
-  f->SetPath(TQXStringUTF8(std::string("C:\\a\\b.JPG")), false);
+  FileRef f("C:\\a\\b.JPG");
   EXPECT_EQ(gFileTypeList->FindQXFileType(*f.file)->GetID(), 2u);
   uint32_t id = 0;
   EXPECT_EQ(f->GetTypeID(&id), 0u);
@@ -339,12 +281,9 @@ TEST(FileTypes, ListLookupsAndRegistry) {
 
   // SetTypeID gives a file its type's first extension when it has none that fits.
   EXPECT_EQ(f->SetTypeID(1), 0u);
-  TQXStringUTF8 out;
-  f->GetPath(out);
-  EXPECT_EQ(S(out), "C:\\a\\noext.tif");
+  EXPECT_EQ(f.Get(&TQXFile::GetPath), "C:\\a\\noext.tif");
   EXPECT_EQ(f->SetTypeID(1), 0u);
-  f->GetPath(out);
-  EXPECT_EQ(S(out), "C:\\a\\noext.tif");
+  EXPECT_EQ(f.Get(&TQXFile::GetPath), "C:\\a\\noext.tif");
   EXPECT_EQ(f->SetTypeID(4), 0u);  // no platform types: unchanged
   EXPECT_EQ(f->SetTypeID(99), uint32_t(kQXErrIO));
 

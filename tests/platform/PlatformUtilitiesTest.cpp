@@ -10,11 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "Platform/Fake/QXFakeClock.h"
 #include "Platform/Fake/QXFakeUtilities.h"
@@ -59,37 +60,13 @@ Version ScannerModel(const char* text) {
 // ---------------------------------------------------------------------------------------------
 // The version text parser
 
-TEST(VersionText, KnownTexts) {
-  EXPECT_EQ(Parse("2.1"), (Version{2, 1, 0, 0, 0}));
-  EXPECT_EQ(Parse("2.1.3.7"), (Version{2, 1, 3, 'b', 7}));
-  EXPECT_EQ(Parse("2.1.3"), (Version{2, 1, 3, 0, 0}));
-  EXPECT_EQ(Parse("2.1.3.0"), (Version{2, 1, 3, 0, 0}));
-  EXPECT_EQ(Parse("7"), (Version{7, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse("10.20.30.40.50"), (Version{10, 20, 30, 'b', 40}));
-  EXPECT_EQ(Parse("2.1.3.-2"), (Version{2, 1, 3, 'b', -2}));  // any build other than 0
-}
-
-TEST(VersionText, BrokenTextsKeepTheDefaultsOfWhatIsMissing) {
-  EXPECT_EQ(Parse(""), (Version{1, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse("   "), (Version{1, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse("beta"), (Version{1, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse(".5"), (Version{1, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse("3.x.4"), (Version{3, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse("3..4"), (Version{3, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse("3 .4"), (Version{3, 0, 0, 0, 0}));   // no space before a dot
-  EXPECT_EQ(Parse(" 3. 4"), (Version{3, 4, 0, 0, 0}));  // but before a number
-  EXPECT_EQ(Parse("4.5b2"), (Version{4, 5, 0, 0, 0}));
-  EXPECT_EQ(Parse("-1.+2"), (Version{-1, 2, 0, 0, 0}));
-  EXPECT_EQ(Parse("1.2.3."), (Version{1, 2, 3, 0, 0}));
-  EXPECT_EQ(Parse("1.2.3.-"), (Version{1, 2, 3, 0, 0}));
-  // Numbers past 32 bits wrap instead of being undefined.
-  EXPECT_EQ(Parse("4294967297.4294967296"), (Version{1, 0, 0, 0, 0}));
-  EXPECT_EQ(Parse("1.2.3.99999999999999999999"), Parse("1.2.3.1661992959"));
-  // No text: every out as it was.
-  EXPECT_EQ(Parse(nullptr), (Version{-7, -7, -7, -7, -7}));
-}
-
-TEST(VersionText, RandomTextsAgreeWithTheScanner) {
+TEST(VersionText, TextsAgreeWithTheScanner) {
+  // Fixed texts first (missing parts keep their defaults, a space may stand before a number but
+  // not before a dot, any build other than 0 marks a beta), then random ones.
+  const char* fixed[] = {"2.1",      "2.1.3.7", "2.1.3", "2.1.3.0", "7",     "10.20.30.40.50",
+                         "2.1.3.-2", "",        "   ",   "beta",    ".5",    "3.x.4",
+                         "3..4",     "3 .4",    " 3. 4", "4.5b2",   "-1.+2", "1.2.3.",
+                         "1.2.3.-"};
   std::mt19937 rng(1234);
   const char alphabet[] = "0123456789..... \t+-xb";
   for (int round = 0; round < 20000; ++round) {
@@ -102,8 +79,16 @@ TEST(VersionText, RandomTextsAgreeWithTheScanner) {
       if (c < '0' || c > '9') digits = 0;
       text += c;
     }
+    if (round < int(std::size(fixed))) text = fixed[round];
     ASSERT_EQ(Parse(text.c_str()), ScannerModel(text.c_str())) << '"' << text << '"';
   }
+  EXPECT_EQ(Parse("2.1.3.-2"), (Version{2, 1, 3, 'b', -2}));
+  EXPECT_EQ(Parse(" 3. 4"), (Version{3, 4, 0, 0, 0}));
+  // Numbers past 32 bits wrap instead of being undefined.
+  EXPECT_EQ(Parse("4294967297.4294967296"), (Version{1, 0, 0, 0, 0}));
+  EXPECT_EQ(Parse("1.2.3.99999999999999999999"), Parse("1.2.3.1661992959"));
+  // No text: every out as it was.
+  EXPECT_EQ(Parse(nullptr), (Version{-7, -7, -7, -7, -7}));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -127,16 +112,10 @@ struct FakeBackend {
   static constexpr const char* kName = "Fake";
   TQXPlatformServices& Role() { return fake; }
   void SetString(int16_t id, const char* text) {
-    if (text)
-      fake.strings[id] = text;
-    else
-      fake.strings.erase(id);
+    text ? void(fake.strings[id] = text) : void(fake.strings.erase(id));
   }
   void SetVersion(const char* text) {
-    if (text)
-      fake.versionText = text;
-    else
-      fake.versionText.reset();
+    text ? void(fake.versionText = text) : fake.versionText.reset();
   }
   std::vector<int16_t> used;
   TQXFakeServices fake;
@@ -145,10 +124,7 @@ struct FakeBackend {
 template <class B>
 class ServicesContract : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::printf("[ backend  ] %s\n", B::kName);
-    U::ForgetPlatformId();
-  }
+  void SetUp() override { U::ForgetPlatformId(); }
   void TearDown() override { U::ForgetPlatformId(); }
   B backend;
   QXPlatform::ScopedRole<TQXPlatformServices> scope{backend.Role()};
@@ -213,13 +189,12 @@ TYPED_TEST(ServicesContract, ClipboardRoundTrips) {
 
 TYPED_TEST(ServicesContract, VersionFromTheRegisteredText) {
   Version v{-7, -7, -7, -7, -7};
-  this->backend.SetVersion(nullptr);
-  U::GetAppVersion(v.major, v.minor, v.sub, v.stage, v.build);
-  EXPECT_EQ(v, (Version{-7, -7, -7, -7, -7}));  // no text: nothing changes
-  for (const char* text : {"2.1", "2.1.3.7", "5.0.2", "junk", ""}) {
+  for (const char* text : {(const char*)nullptr, "2.1", "2.1.3.7", "5.0.2", "junk", ""}) {
     this->backend.SetVersion(text);
     U::GetAppVersion(v.major, v.minor, v.sub, v.stage, v.build);
-    EXPECT_EQ(v, ScannerModel(text)) << text;
+    // No text: nothing changes.
+    EXPECT_EQ(v, (text ? ScannerModel(text) : Version{-7, -7, -7, -7, -7}))
+        << (text ? text : "none");
   }
 }
 
@@ -232,9 +207,7 @@ TYPED_TEST(ServicesContract, PlainAnswersOfTheRole) {
   // With no dialog to show (Linux) or a user who cancels (the fake's default) nothing changes.
   uint16_t r = 0x1234, g = 0xABCD, b = 0xFFFF;
   EXPECT_FALSE(U::ChooseColor(r, g, b));
-  EXPECT_EQ(r, 0x1234);
-  EXPECT_EQ(g, 0xABCD);
-  EXPECT_EQ(b, 0xFFFF);
+  EXPECT_EQ(std::tie(r, g, b), std::make_tuple(0x1234, 0xABCD, 0xFFFF));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -252,15 +225,12 @@ TEST_F(UtilitiesOnFake, TicksAreMillisecondsOverSixteen) {
   TQXFakeClock clock;
   QXPlatform::ScopedRole<TQXPlatformClock> clockScope(clock);
   std::mt19937 rng(9);
-  for (uint32_t ms : {0u, 15u, 16u, 0xFFFFFFFFu, 0xFFFFFFF0u}) {
-    clock.Set(ms);
-    EXPECT_EQ(U::TickCount(), ms / 16);
-    EXPECT_EQ(U::GetMilliseconds(), ms);
-  }
+  const uint32_t edges[] = {0u, 15u, 16u, 0xFFFFFFFFu, 0xFFFFFFF0u};
   for (int i = 0; i < 1000; ++i) {
-    const uint32_t ms = rng();
+    const uint32_t ms = i < 5 ? edges[i] : uint32_t(rng());
     clock.Set(ms);
     ASSERT_EQ(U::TickCount(), ms / 16);
+    ASSERT_EQ(U::GetMilliseconds(), ms);
   }
 }
 
@@ -275,7 +245,8 @@ TEST_F(UtilitiesOnFake, PlatformIdIsAskedOnce) {
   EXPECT_EQ(fake.platformIdQueries, 2u);
 }
 
-TEST_F(UtilitiesOnFake, StringErrorsComeFromTheSystem) {
+// String errors come from the system; clipboard and user name refusals keep what the caller held.
+TEST_F(UtilitiesOnFake, StringClipboardAndUserNameRefusals) {
   fake.missingStringError = 1813;
   fake.strings[4] = "";  // an empty entry is no entry
   TQXString31 out("kept");
@@ -285,9 +256,6 @@ TEST_F(UtilitiesOnFake, StringErrorsComeFromTheSystem) {
   fake.strings[5] = "a text longer than thirty-one bytes";
   EXPECT_EQ(U::GetStringResource(5, out), 0);
   EXPECT_STREQ(out.StrGet(), "a text longer than thirty-one b");
-}
-
-TEST_F(UtilitiesOnFake, ClipboardFailures) {
   TQXDynamicString text("held");
   EXPECT_FALSE(U::HasClipboardText());
   EXPECT_FALSE(U::GetClipboardText(text));  // nothing there
@@ -305,9 +273,7 @@ TEST_F(UtilitiesOnFake, ClipboardFailures) {
   fake.clipboard = std::string("left\0right", 10);
   EXPECT_TRUE(U::GetClipboardText(text));
   EXPECT_STREQ(text.StrGet(), "left");
-}
-
-TEST_F(UtilitiesOnFake, UserNameFitsIn256Bytes) {
+  // A user name fits in 256 bytes with its zero.
   TQXDynamicString name("before");
   EXPECT_FALSE(U::GetUserName(name));  // unknown user
   EXPECT_STREQ(name.StrGet(), "before");
@@ -345,19 +311,10 @@ TEST_F(UtilitiesOnFake, ColourDialogSeesTopBytesAndGivesThemBack) {
       fake.colourChoice.reset();
     uint16_t r = r0, g = g0, b = b0;
     ASSERT_EQ(U::ChooseColor(r, g, b), choose);
-    const uint32_t asked = fake.colourRequests.back();
-    ASSERT_EQ(asked & 0xFF, uint32_t(r0 / 256));
-    ASSERT_EQ((asked >> 8) & 0xFF, uint32_t(g0 / 256));
-    ASSERT_EQ(asked >> 16, uint32_t(b0 / 256));
-    if (choose) {
-      ASSERT_EQ(r, cr * 256);
-      ASSERT_EQ(g, cg * 256);
-      ASSERT_EQ(b, cb * 256);
-    } else {
-      ASSERT_EQ(r, r0);
-      ASSERT_EQ(g, g0);
-      ASSERT_EQ(b, b0);
-    }
+    ASSERT_EQ(fake.colourRequests.back(),
+              uint32_t(r0 >> 8) | uint32_t(g0 >> 8) << 8 | uint32_t(b0 >> 8) << 16);
+    const auto want = choose ? std::tuple(cr * 256, cg * 256, cb * 256) : std::tuple(+r0, +g0, +b0);
+    ASSERT_EQ(std::tie(r, g, b), want);
   }
 }
 
@@ -408,12 +365,11 @@ TEST_F(UtilitiesOnFake, OpenFileHandsOverTheSystemPathOfAnExistingFile) {
 
 std::string CommandOutput(const char* command) {
   std::string out;
-  if (FILE* p = popen(command, "r")) {
-    char buf[256];
-    while (std::fgets(buf, sizeof buf, p))
-      out += buf;
-    pclose(p);
-  }
+  char buf[256];
+  FILE* p = popen(command, "r");
+  while (p && std::fgets(buf, sizeof buf, p))
+    out += buf;
+  if (p) pclose(p);
   while (!out.empty() && out.back() == '\n')
     out.pop_back();
   return out;
@@ -473,17 +429,16 @@ class LinuxOpener : public ::testing::Test {
     for (int i = 0; i < 3000 && access(out.c_str(), F_OK) != 0; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     std::ifstream in(out);
-    std::stringstream ss;
-    ss << in.rdbuf();
+    std::string record((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::remove(out.c_str());
-    return ss.str();
+    return record;
   }
 
   std::string dir_, oldPath_;
   bool hadPath_ = false;
 };
 
-TEST_F(LinuxOpener, TheTextIsOneArgumentNeverAShellLine) {
+TEST_F(LinuxOpener, TheTextIsOneArgumentNeverAShellLineAndRefusals) {
   UseStandIn();
   for (const char* url : {"https://example.org/a b?x=1&y=2", "file:///tmp/$(touch pwned);`id`|x",
                           "it's \"quoted\" \\ and * globbed"}) {
@@ -491,10 +446,7 @@ TEST_F(LinuxOpener, TheTextIsOneArgumentNeverAShellLine) {
     EXPECT_EQ(Record(), std::string("1\n") + url + "\n");
   }
   EXPECT_NE(access("pwned", F_OK), 0);
-}
-
-TEST_F(LinuxOpener, RefusedTextsAndAMissingOpener) {
-  UseStandIn();
+  // Refused texts, and a missing opener.
   EXPECT_EQ(U::OpenURLInBrowser(TQXString15("")), int32_t(kQXErrNotFound));
   EXPECT_EQ(U::OpenURLInBrowser(TQXString15("--help")), int32_t(kQXErrNotFound));
   const std::string empty = dir_ + "/empty";

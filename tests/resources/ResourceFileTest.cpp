@@ -2,14 +2,9 @@
 // rewrites that fail at every write, and maps damaged in every field.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <fstream>
-#include <functional>
 #include <random>
-#include <sstream>
+#include <tuple>
 
-#include "QXMemory.h"
 #include "resources/ResourceTestSupport.h"
 
 using namespace qxrestest;
@@ -20,38 +15,11 @@ constexpr uint32_t kText = QX_FOURCC('T', 'E', 'X', 'T');
 constexpr uint32_t kStr = QX_FOURCC('S', 'T', 'R', ' ');
 
 std::string Sample(const std::string& name) {
-  std::ifstream in(std::string(QX_RESOURCE_SAMPLES) + "/" + name, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return ReadPosix(std::string(QX_RESOURCE_SAMPLES) + "/" + name, "");
 }
 
-// Adds a free-standing resource and lets go of the test's hold (the entry keeps the object,
-// changed, until the next rewrite).
-void Add(TQXResourceFile& rf, uint32_t type, int16_t id, const std::string& name,
-         const std::string& bytes) {
-  void* block = QXmalloc(uint32_t(bytes.size()));
-  ASSERT_TRUE(bytes.empty() || block);
-  if (!bytes.empty()) std::memcpy(block, bytes.data(), bytes.size());
-  auto* res = new TQXResource(block, uint32_t(bytes.size()), id, type, TQXString255(name.c_str()));
-  ASSERT_EQ(rf.AddResource(*res), 0u);
-  EXPECT_EQ(res->ReleaseResource(), kQXErrResourceMissing);  // changed: stays in its entry
-}
-
-class FakeDisk : public ResourceTest {
- protected:
-  FakeDisk() : role_(backend_.fs()) { UseReader(backend_.fake()); }
-  TQXFakeFileSystem& fake() { return backend_.fake(); }
-  QXFakeBackend backend_;
-  QXPlatform::ScopedRole<TQXPlatformFileSystem> role_;
-};
-
-class RealDisk : public ResourceTest {
- protected:
-  RealDisk() : role_(backend_.fs()) { UseReader(backend_.dir()); }
-  QXLinuxBackend backend_;
-  QXPlatform::ScopedRole<TQXPlatformFileSystem> role_;
-};
+using FakeDisk = OnDisk<QXFakeBackend>;
+using RealDisk = OnDisk<QXLinuxBackend>;
 
 // --- Byte-exact layout ---------------------------------------------------------------------------
 
@@ -67,9 +35,11 @@ TEST_F(FakeDisk, EmptyFileAndSmallFileAreByteExact) {
 
   TQXResourceFile* rf = Open("T:\\e.rsrc");
   ASSERT_TRUE(rf->IsLinked());
-  Add(*rf, kText, 128, "Greeting", "hello");
-  Add(*rf, QX_FOURCC('S', 'T', 'R', '#'), 1, "", std::string("\0\x01\x02hi", 5));
-  Add(*rf, kText, -2, "", "");
+  const Item greeting{kText, 128, true, "Greeting", 0, "hello"}, blank{kText, -2, false, "", 0, ""};
+  const Item list{QX_FOURCC('S', 'T', 'R', '#'), 1, false, "", 0, std::string("\0\x01\x02hi", 5)};
+  Add(*rf, greeting);
+  Add(*rf, list);
+  Add(*rf, blank);
   ASSERT_EQ(rf->UpdateResFile(nullptr), 0u);
 
   // Hand-assembled: data area (256), map at 256 + 22.
@@ -91,10 +61,7 @@ TEST_F(FakeDisk, EmptyFileAndSmallFileAreByteExact) {
   x += char(8), x += "Greeting";
   EXPECT_EQ(ReadAll("T:\\e.rsrc"), x);
   // The reference writer agrees.
-  EXPECT_EQ(Assemble({{{kText, 128, true, "Greeting", 0, "hello"}, {kText, -2, false, "", 0, ""}},
-                      {{QX_FOURCC('S', 'T', 'R', '#'), 1, false, "", 0,
-                        std::string("\0\x01\x02hi", 5)}}}),
-            x);
+  EXPECT_EQ(Assemble({{greeting, blank}, {list}}), x);
   delete rf;
 }
 
@@ -102,7 +69,7 @@ TEST_F(FakeDisk, EmptyFileAndSmallFileAreByteExact) {
 
 struct SampleCase {
   const char* file;
-  Listing expected;  // bytes not compared here
+  Listing expected;  // in file order; bytes not compared here
 };
 
 Item I(uint32_t type, int16_t id, const char* name = nullptr, uint8_t attributes = 0) {
@@ -136,20 +103,6 @@ std::vector<SampleCase> Samples() {
   };
 }
 
-// Sorted by (type, id) so that the comparison does not depend on the order of types in a file.
-std::vector<Item> Flat(const Listing& l, bool withBytes) {
-  std::vector<Item> v;
-  for (const auto& t : l)
-    for (Item i : t) {
-      if (!withBytes) i.bytes.clear();
-      v.push_back(i);
-    }
-  std::sort(v.begin(), v.end(), [](const Item& a, const Item& b) {
-    return a.type != b.type ? a.type < b.type : a.id < b.id;
-  });
-  return v;
-}
-
 TEST_F(RealDisk, SampleFilesListAndSurviveARewrite) {
   for (const SampleCase& c : Samples()) {
     SCOPED_TRACE(c.file);
@@ -157,16 +110,12 @@ TEST_F(RealDisk, SampleFilesListAndSurviveARewrite) {
     ASSERT_FALSE(original.empty());
     WriteAll("T:\\s.rsrc", original);
     TQXString1023 message;
-    TQXFile* probe = nullptr;
-    TQXFile::Create(&probe);
-    probe->SetFullPath(TQXStringUTF8(std::string("T:\\s.rsrc")), false);
-    EXPECT_EQ(TQXResourceFile::Validate(probe, message), 0u) << message.StrGet();
-    probe->Release();
+    EXPECT_EQ(ValidateFile("T:\\s.rsrc", message), 0u) << message.StrGet();
 
     TQXResourceFile* rf = Open("T:\\s.rsrc");
     ASSERT_TRUE(rf->IsLinked()) << std::hex << rf->OpenResult();
     const Listing before = List(*rf, true);
-    EXPECT_EQ(Flat(before, false), Flat(c.expected, false)) << Describe(before);
+    EXPECT_EQ(Stripped(before), c.expected) << Describe(before);
     EXPECT_EQ(rf->CheckMap(message), 0u) << message.StrGet();
 
     // Force a rewrite: an entry added and removed leaves the map dirty.
@@ -182,17 +131,15 @@ TEST_F(RealDisk, SampleFilesListAndSurviveARewrite) {
 
     // The rewritten file is the canonical layout of the same entries, every blob unchanged.
     const std::string rewritten = ReadAll("T:\\s.rsrc");
-    const uint8_t* m = reinterpret_cast<const uint8_t*>(original.data());
-    const uint32_t mapAt = uint32_t(m[4] << 24 | m[5] << 16 | m[6] << 8 | m[7]);
-    EXPECT_EQ(rewritten, Assemble(before,
-                                  uint32_t(m[mapAt + 16] << 24 | m[mapAt + 17] << 16 |
-                                           m[mapAt + 18] << 8 | m[mapAt + 19]),
-                                  uint16_t(m[mapAt + 20] << 8 | m[mapAt + 21]),
-                                  uint16_t(m[mapAt + 22] << 8 | m[mapAt + 23])));
-    rf = Open("T:\\s.rsrc");
-    ASSERT_TRUE(rf->IsLinked());
-    EXPECT_EQ(List(*rf, true), before);
-    delete rf;
+    auto be = [&original](uint32_t at, int bytes) {
+      uint32_t v = 0;
+      for (int k = 0; k < bytes; ++k)
+        v = v << 8 | uint8_t(original[at + k]);
+      return v;
+    };
+    const uint32_t mapAt = be(4, 4);  // the reserved fields of the map are carried over
+    EXPECT_EQ(rewritten, Assemble(before, be(mapAt + 16, 4), uint16_t(be(mapAt + 20, 2)),
+                                  uint16_t(be(mapAt + 22, 2))));
   }
   EXPECT_EQ(CountTemporaries("T:"), 0);
 }
@@ -209,20 +156,6 @@ TEST_F(FakeDisk, ForeignLayoutFileIsRefused) {
 }
 
 // --- A rewrite that fails ------------------------------------------------------------------------
-
-// The state that a failed rewrite must leave as it was.
-struct Snapshot {
-  std::string disk;
-  std::vector<uint8_t> image;
-  bool dirty;
-  static Snapshot Of(TQXResourceFile& rf, const std::string& path) {
-    const uint8_t* m = rf.GetMapImage();
-    return {ReadAll(path), std::vector<uint8_t>(m, m + rf.GetMapImageSize()), rf.IsDirty()};
-  }
-  bool operator==(const Snapshot& o) const {
-    return disk == o.disk && image == o.image && dirty == o.dirty;
-  }
-};
 
 TEST_F(FakeDisk, FailedRewriteLeavesFileImageAndChangedBitsAsTheyWere) {
   struct Step {
@@ -243,26 +176,32 @@ TEST_F(FakeDisk, FailedRewriteLeavesFileImageAndChangedBitsAsTheyWere) {
     ASSERT_EQ(CreateEmpty("T:\\f.rsrc"), 0u);
     TQXResourceFile* rf = Open("T:\\f.rsrc");
     // Big blobs (past the writer's block), small ones, names; some stay on disk unloaded.
-    Add(*rf, kText, 1, "one", std::string(70000, 'a'));
-    Add(*rf, kText, 2, "", "bb");
-    Add(*rf, kStr, 3, "three", "ccc");
+    Add(*rf, {kText, 1, true, "one", 0, std::string(70000, 'a')});
+    Add(*rf, {kText, 2, false, "", 0, "bb"});
+    Add(*rf, {kStr, 3, true, "three", 0, "ccc"});
     delete rf;
     rf = Open("T:\\f.rsrc");
-    Add(*rf, kStr, 4, "four", std::string(300, 'd'));
+    Add(*rf, {kStr, 4, true, "four", 0, std::string(300, 'd')});
     TQXResource* loaded = nullptr;
     ASSERT_EQ(rf->GetResource(kText, 2, loaded, true), 0u);
     ASSERT_EQ(loaded->MarkChanged(), 0u);
     const Listing expected = List(*rf, false);
+    // The state that a failed rewrite must leave as it was: the file, the map image, the dirty bit.
+    auto snapshot = [&rf] {
+      const uint8_t* m = rf->GetMapImage();
+      return std::tuple(ReadAll("T:\\f.rsrc"), std::vector<uint8_t>(m, m + rf->GetMapImageSize()),
+                        rf->IsDirty());
+    };
 
     uint32_t n = 1;
     for (;; ++n) {
       ASSERT_LT(n, 200u);
-      const Snapshot before = Snapshot::Of(*rf, "T:\\f.rsrc");
+      const auto before = snapshot();
       if (n <= step.lastCall) fake().FailCall(step.op, n, step.error);
       const uint32_t result = rf->UpdateResFile(nullptr);
       fake().ClearFailures();
       if (result == 0) break;
-      EXPECT_TRUE(Snapshot::Of(*rf, "T:\\f.rsrc") == before) << "failure at call " << n;
+      EXPECT_TRUE(snapshot() == before) << "failure at call " << n;
       EXPECT_EQ(CountTemporaries("T:"), 0) << "failure at call " << n;
       EXPECT_EQ(fake().OpenHandles(), 1u);
     }
@@ -271,15 +210,7 @@ TEST_F(FakeDisk, FailedRewriteLeavesFileImageAndChangedBitsAsTheyWere) {
     delete rf;
     rf = Open("T:\\f.rsrc");
     ASSERT_TRUE(rf->IsLinked());
-    Listing after = List(*rf, true);
-    for (auto& t : after)
-      for (auto& i : t)
-        i.bytes.clear();
-    Listing want = expected;
-    for (auto& t : want)
-      for (auto& i : t)
-        i.attributes &= uint8_t(~kQXResAttrChanged);
-    EXPECT_EQ(after, want);
+    EXPECT_EQ(Stripped(List(*rf, true)), Stripped(expected, false));
     delete rf;
     EXPECT_EQ(CountTemporaries("T:"), 0);
   }
@@ -297,11 +228,10 @@ std::string Base() {
 // Offsets in Base(): data 256 (10+4 + 1+4 + 3+4 = 26 bytes), map at 282.
 constexpr uint32_t kMap = 282, kTypes = kMap + 28, kRefs = kTypes + 2 + 16;
 
-void Poke16(std::string& f, uint32_t at, uint16_t v) {
-  f[at] = char(v >> 8), f[at + 1] = char(v);
-}
-void Poke32(std::string& f, uint32_t at, uint32_t v) {
-  Poke16(f, at, uint16_t(v >> 16)), Poke16(f, at + 2, uint16_t(v));
+// Sets the big-endian field of `bits` (8, 16 or 32) at `at`.
+void Poke(std::string& f, uint32_t at, int bits, uint32_t v) {
+  for (int k = 0; k < bits / 8; ++k)
+    f[at + k] = char(v >> (bits - 8 - 8 * k));
 }
 
 // Opens, walks, loads and reads names and string lists of whatever opened, and closes without
@@ -310,8 +240,7 @@ uint32_t Exercise(const std::string& path) {
   TQXResourceFile* rf = Open(path, false);
   const uint32_t result = rf->OpenResult();
   if (rf->IsLinked()) {
-    Listing l = List(*rf, true);
-    (void)l;
+    List(*rf, true);
     TQXString255 s;
     uint16_t n = 0;
     TQXResourceFile::GetIndString(s, 1, 1);
@@ -324,64 +253,56 @@ uint32_t Exercise(const std::string& path) {
 }
 
 TEST_F(FakeDisk, DamagedFieldsGiveTheFailureResult) {
-  ASSERT_EQ(Base().size(), kRefs + 36 + 13u);
+  constexpr uint32_t kEnd = kRefs + 36 + 13;
+  ASSERT_EQ(Base().size(), kEnd);
   struct Case {
     const char* what;
-    std::function<void(std::string&)> damage;
+    uint32_t at;
+    int bits;  // 8, 16 or 32: the big-endian field at `at` set to `value`; 0: cut to `value` bytes
+    uint32_t value;
     uint32_t result;  // of the open
   };
-  const std::vector<Case> cases = {
-      {"intact", [](std::string&) {}, 0},
-      {"map length 27", [](std::string& f) { Poke32(f, 12, 27); }, kQXErrIO},
-      {"map length 0", [](std::string& f) { Poke32(f, 12, 0); }, kQXErrIO},
-      {"map length past the file", [](std::string& f) { Poke32(f, 12, 1000); }, kQXErrIO},
-      {"map length 4 GiB", [](std::string& f) { Poke32(f, 12, 0xFFFFFFF0u); }, kQXErrIO},
-      {"map offset past the file", [](std::string& f) { Poke32(f, 4, 0x7FFFFFF0u); }, kQXErrIO},
-      {"map offset 4 GiB", [](std::string& f) { Poke32(f, 4, 0xFFFFFFFFu); }, kQXErrIO},
-      {"type list offset negative", [](std::string& f) { Poke16(f, kMap + 24, 0xFFF0); }, kQXErrIO},
-      {"type list offset in the header", [](std::string& f) { Poke16(f, kMap + 24, 20); },
-       kQXErrIO},
-      {"type list offset past the map", [](std::string& f) { Poke16(f, kMap + 24, 0x7FFF); },
-       kQXErrIO},
-      {"type count past the map", [](std::string& f) { Poke16(f, kTypes, 0x7FFF); }, kQXErrIO},
-      {"type count -1", [](std::string& f) { Poke16(f, kTypes, 0xFFFF); }, 0},
-      {"type count -300", [](std::string& f) { Poke16(f, kTypes, uint16_t(-300)); }, 0},
-      {"reference count past the map", [](std::string& f) { Poke16(f, kTypes + 6, 0x7FFF); },
-       kQXErrIO},
-      {"reference list offset negative", [](std::string& f) { Poke16(f, kTypes + 8, 0x8000); },
-       kQXErrIO},
-      {"reference list offset past the map", [](std::string& f) { Poke16(f, kTypes + 8, 0x7FF0); },
-       kQXErrIO},
-      {"reference lists overlap", [](std::string& f) { Poke16(f, kTypes + 16, 18); }, kQXErrIO},
-      {"reference list over the type list", [](std::string& f) { Poke16(f, kTypes + 8, 2); },
-       kQXErrIO},
-      {"name offset past the map", [](std::string& f) { Poke16(f, kRefs + 2, 0x7000); }, kQXErrIO},
-      {"name offset negative", [](std::string& f) { Poke16(f, kRefs + 2, uint16_t(-500)); },
-       kQXErrIO},
-      {"name length past the map", [](std::string& f) { f[f.size() - 7] = char(200); }, kQXErrIO},
-      {"name list offset past the map", [](std::string& f) { Poke16(f, kMap + 26, 0x7FFF); },
-       kQXErrIO},
-      {"name list offset negative", [](std::string& f) { Poke16(f, kMap + 26, 0x8000); }, kQXErrIO},
+  const Case cases[] = {
+      {"intact", 0, 0, kEnd, 0},
+      {"map length 27", 12, 32, 27, kQXErrIO},
+      {"map length 0", 12, 32, 0, kQXErrIO},
+      {"map length past the file", 12, 32, 1000, kQXErrIO},
+      {"map length 4 GiB", 12, 32, 0xFFFFFFF0u, kQXErrIO},
+      {"map offset past the file", 4, 32, 0x7FFFFFF0u, kQXErrIO},
+      {"map offset 4 GiB", 4, 32, 0xFFFFFFFFu, kQXErrIO},
+      {"type list offset negative", kMap + 24, 16, 0xFFF0, kQXErrIO},
+      {"type list offset in the header", kMap + 24, 16, 20, kQXErrIO},
+      {"type list offset past the map", kMap + 24, 16, 0x7FFF, kQXErrIO},
+      {"type count past the map", kTypes, 16, 0x7FFF, kQXErrIO},
+      {"type count -1", kTypes, 16, 0xFFFF, 0},
+      {"type count -300", kTypes, 16, uint16_t(-300), 0},
+      {"reference count past the map", kTypes + 6, 16, 0x7FFF, kQXErrIO},
+      {"reference list offset negative", kTypes + 8, 16, 0x8000, kQXErrIO},
+      {"reference list offset past the map", kTypes + 8, 16, 0x7FF0, kQXErrIO},
+      {"reference lists overlap", kTypes + 16, 16, 18, kQXErrIO},
+      {"reference list over the type list", kTypes + 8, 16, 2, kQXErrIO},
+      {"name offset past the map", kRefs + 2, 16, 0x7000, kQXErrIO},
+      {"name offset negative", kRefs + 2, 16, uint16_t(-500), kQXErrIO},
+      {"name length past the map", kEnd - 7, 8, 200, kQXErrIO},
+      {"name list offset past the map", kMap + 26, 16, 0x7FFF, kQXErrIO},
+      {"name list offset negative", kMap + 26, 16, 0x8000, kQXErrIO},
       // Data positions are read on demand: the open succeeds and the loads fail.
-      {"data offset past the file", [](std::string& f) { Poke32(f, 0, 0xFFFFFF00u); }, 0},
-      {"data position past the file", [](std::string& f) { Poke32(f, kRefs + 4, 0x00FFFFF0u); }, 0},
-      {"blob length past the file", [](std::string& f) { Poke32(f, 256, 0xFFFFFFF0u); }, 0},
-      {"header copy in the map ignored", [](std::string& f) { Poke32(f, kMap + 12, 5); }, 0},
-      {"truncated inside the header", [](std::string& f) { f.resize(100); }, kQXErrEndOfFile},
-      {"truncated inside the map", [](std::string& f) { f.resize(f.size() - 1); }, kQXErrIO},
+      {"data offset past the file", 0, 32, 0xFFFFFF00u, 0},
+      {"data position past the file", kRefs + 4, 32, 0x00FFFFF0u, 0},
+      {"blob length past the file", 256, 32, 0xFFFFFFF0u, 0},
+      {"header copy in the map ignored", kMap + 12, 32, 5, 0},
+      {"truncated inside the header", 0, 0, 100, kQXErrEndOfFile},
+      {"truncated inside the map", 0, 0, kEnd - 1, kQXErrIO},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     std::string f = Base();
-    c.damage(f);
+    if (c.bits == 0) f.resize(c.value);
+    Poke(f, c.at, c.bits, c.value);
     WriteAll("T:\\d.rsrc", f);
     EXPECT_EQ(Exercise("T:\\d.rsrc"), c.result);
     TQXString1023 message;
-    TQXFile* probe = nullptr;
-    TQXFile::Create(&probe);
-    probe->SetFullPath(TQXStringUTF8(std::string("T:\\d.rsrc")), false);
-    const uint32_t checked = TQXResourceFile::Validate(probe, message);
-    probe->Release();
+    const uint32_t checked = ValidateFile("T:\\d.rsrc", message);
     if (c.result) {
       EXPECT_NE(checked, 0u) << message.StrGet();
     }
@@ -392,7 +313,7 @@ TEST_F(FakeDisk, DamagedFieldsGiveTheFailureResult) {
 
 TEST_F(FakeDisk, DataFaultsSurfaceAsLoadFailures) {
   std::string f = Base();
-  Poke32(f, 256, 0xFFFFFFF0u);  // the first blob's length
+  Poke(f, 256, 32, 0xFFFFFFF0u);  // the first blob's length
   WriteAll("T:\\d.rsrc", f);
   TQXResourceFile* rf = Open("T:\\d.rsrc", false);
   ASSERT_TRUE(rf->IsLinked());

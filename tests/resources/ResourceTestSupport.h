@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -16,6 +17,7 @@
 #include "Platform/QXPlatform.h"
 #include "QXException.h"
 #include "QXFile.h"
+#include "QXMemory.h"
 #include "QXResourceFile.h"
 #include "platform/FileSystemBackends.h"
 
@@ -38,23 +40,28 @@ struct Item {
 // Items grouped by type, in the order of the type list and of each reference list.
 using Listing = std::vector<std::vector<Item>>;
 
-inline std::string Describe(const Item& i) {
-  std::string s;
-  for (int k = 0; k < 4; ++k)
-    s += char(uint8_t(i.type >> (24 - 8 * k)));
-  s += " " + std::to_string(i.id);
-  if (i.named) s += "/\"" + i.name + "\"";
-  if (i.attributes) s += "[" + std::to_string(i.attributes) + "]";
-  s += " (" + std::to_string(i.bytes.size()) + " bytes)";
-  return s;
-}
-
 inline std::string Describe(const Listing& l) {
   std::string s;
   for (const auto& type : l)
-    for (const auto& i : type)
-      s += Describe(i) + "\n";
+    for (const auto& i : type) {
+      for (int k = 0; k < 4; ++k)
+        s += char(uint8_t(i.type >> (24 - 8 * k)));
+      s += " " + std::to_string(i.id);
+      if (i.named) s += "/\"" + i.name + "\"";
+      if (i.attributes) s += "[" + std::to_string(i.attributes) + "]";
+      s += " (" + std::to_string(i.bytes.size()) + " bytes)\n";
+    }
   return s;
+}
+
+// The listing without the bytes, and without the changed bits unless `keepChanged`.
+inline Listing Stripped(Listing l, bool keepChanged = true) {
+  for (auto& t : l)
+    for (auto& i : t) {
+      i.bytes.clear();
+      if (!keepChanged) i.attributes &= uint8_t(~kQXResAttrChanged);
+    }
+  return l;
 }
 
 // --- Files through the role in force --------------------------------------------------------
@@ -70,23 +77,29 @@ inline std::string ReadAll(const std::string& path) {
   return Reader() ? Reader()(path) : "<no reader>";
 }
 
+// A whole POSIX file, or `missing` when it cannot be read.
+inline std::string ReadPosix(const std::string& path, const char* missing = "<missing>") {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return missing;
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
 // Readers for the two backends: the fake's own store, and the POSIX file behind drive T:.
-inline void UseReader(TQXFakeFileSystem& fake) {
-  Reader() = [&fake](const std::string& path) {
+inline void UseReader(QXFakeBackend& backend) {
+  TQXFakeFileSystem* fake = &backend.fake();
+  Reader() = [fake](const std::string& path) {
     std::string data;
-    return fake.GetFile(path.c_str(), data) ? data : std::string("<missing>");
+    return fake->GetFile(path.c_str(), data) ? data : std::string("<missing>");
   };
 }
-inline void UseReader(const std::string& directoryOfT) {
-  Reader() = [directoryOfT](const std::string& path) {
+inline void UseReader(QXLinuxBackend& backend) {
+  Reader() = [directoryOfT = backend.dir()](const std::string& path) {
     std::string posix = directoryOfT + "/" + path.substr(3);  // behind "T:\"
     for (char& c : posix)
       if (c == '\\') c = '/';
-    std::ifstream in(posix, std::ios::binary);
-    if (!in) return std::string("<missing>");
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return ReadPosix(posix);
   };
 }
 
@@ -102,11 +115,6 @@ inline void WriteAll(const std::string& path, const std::string& data) {
   fs.Close(h);
 }
 
-inline bool Exists(const std::string& path) {
-  TQXFileAttributes a;
-  return QXPlatform::Get<TQXPlatformFileSystem>().GetAttributes(path.c_str(), a) == 0;
-}
-
 // Names in a folder that start with "Tmp" (leftover temporary files of a rewrite).
 inline int CountTemporaries(const std::string& folder) {
   TQXPlatformFileSystem& fs = QXPlatform::Get<TQXPlatformFileSystem>();
@@ -120,23 +128,59 @@ inline int CountTemporaries(const std::string& folder) {
   return n;
 }
 
-inline TQXResourceFile* Open(const std::string& path, bool writable = true, bool preload = false) {
+// What `use` makes of a file object for the path (given back after); `failed` when there is none.
+template <class Result, class Use>
+Result WithFile(const std::string& path, Result failed, Use use) {
   TQXFile* file = nullptr;
   TQXFile::Create(&file);
-  if (!file) return nullptr;
+  if (!file) return failed;
   file->SetFullPath(TQXStringUTF8(path), false);
-  auto* rf = new TQXResourceFile(file, writable, preload);
-  file->Release();
-  return rf;
-}
-
-inline uint32_t CreateEmpty(const std::string& path) {
-  TQXFile* file = nullptr;
-  TQXFile::Create(&file);
-  file->SetFullPath(TQXStringUTF8(path), false);
-  const uint32_t result = TQXResourceFile::CreateEmpty(file);
+  const Result result = use(file);
   file->Release();
   return result;
+}
+
+inline TQXResourceFile* Open(const std::string& path, bool writable = true, bool preload = false) {
+  return WithFile(path, (TQXResourceFile*)nullptr,
+                  [&](TQXFile* f) { return new TQXResourceFile(f, writable, preload); });
+}
+inline uint32_t CreateEmpty(const std::string& path) {
+  return WithFile(path, uint32_t(kQXErrIO), TQXResourceFile::CreateEmpty);
+}
+inline uint32_t ValidateFile(const std::string& path, TQXString1023& message) {
+  return WithFile(path, uint32_t(kQXErrIO),
+                  [&](TQXFile* f) { return TQXResourceFile::Validate(f, message); });
+}
+
+// A free-standing resource holding a copy of `bytes`; null when an allocation fails.
+inline TQXResource* Make(uint32_t type, int16_t id, const std::string& name,
+                         const std::string& bytes) {
+  void* block = QXmalloc(uint32_t(bytes.size()));
+  if (!bytes.empty() && !block) return nullptr;
+  if (!bytes.empty()) std::memcpy(block, bytes.data(), bytes.size());
+  auto* r = new TQXResource(block, uint32_t(bytes.size()), id, type, TQXString255(name.c_str()));
+  if (!r) QXfree(block);
+  return r;
+}
+
+// Adds a resource and lets go of the test's hold (the entry keeps the object, changed, until the
+// next rewrite). Attributes beyond the changed bit are then set on the entry, changed.
+inline void Add(TQXResourceFile& rf, const Item& i) {
+  TQXResource* r = Make(i.type, i.id, i.named ? i.name : "", i.bytes);
+  ASSERT_NE(r, nullptr);
+  ASSERT_EQ(rf.AddResource(*r), 0u);
+  if (i.attributes & ~kQXResAttrChanged) r->SetAttributes(i.attributes | kQXResAttrChanged);
+  EXPECT_EQ(r->ReleaseResource(), kQXErrResourceMissing);  // changed: stays in its entry
+}
+
+// A new file holding the given resources, written and closed.
+inline void Build(const std::string& path, const std::vector<Item>& items) {
+  ASSERT_EQ(CreateEmpty(path), 0u);
+  TQXResourceFile* rf = Open(path);
+  for (const Item& i : items)
+    Add(*rf, i);
+  EXPECT_EQ(rf->UpdateResFile(nullptr), 0u);
+  delete rf;
 }
 
 // --- The reference writer -------------------------------------------------------------------
@@ -155,9 +199,6 @@ inline void Be32(std::string& s, uint32_t v) {
 inline std::string Assemble(const Listing& types, uint32_t reservedWord = 0,
                             uint16_t reservedHalf1 = 0, uint16_t reservedHalf2 = 0) {
   std::string data, refs, names, typeList;
-  uint32_t refCount = 0;
-  for (const auto& t : types)
-    refCount += uint32_t(t.size());
   Be16(typeList, uint16_t(types.size() - 1));
   uint16_t listOffset = uint16_t(2 + 8 * types.size());
   for (const auto& t : types) {
@@ -170,10 +211,7 @@ inline std::string Assemble(const Listing& types, uint32_t reservedWord = 0,
       Be16(refs, i.named ? uint16_t(names.size()) : 0xFFFF);
       Be32(refs, (uint32_t(i.attributes & ~kQXResAttrChanged) << 24) | uint32_t(data.size()));
       Be32(refs, 0);
-      if (i.named) {
-        names += char(i.name.size());
-        names += i.name;
-      }
+      if (i.named) names += char(i.name.size()) + i.name;
       Be32(data, uint32_t(i.bytes.size()));
       data += i.bytes;
     }
@@ -206,19 +244,12 @@ inline Listing List(TQXResourceFile& rf, bool load) {
     for (int32_t r = 1; r <= rf.CountResources(type); ++r) {
       TQXResourceEntryInfo info;
       EXPECT_EQ(rf.GetIndexedEntryInfo(type, r, info), 0u);
-      Item i;
-      i.type = type;
-      i.id = info.id;
-      i.named = info.named;
-      i.name = info.name.StrGet();
-      i.attributes = info.attributes;
-      if (load) {
-        TQXResource* res = nullptr;
-        if (rf.GetIndexedResource(type, r, res, true)) i.bytes = "<load failed>";
-        if (res) {
-          i.bytes.assign(static_cast<const char*>(res->GetData()), res->GetSize());
-          res->ReleaseResource();
-        }
+      Item i{type, info.id, info.named, info.name.StrGet(), info.attributes, ""};
+      TQXResource* res = nullptr;
+      if (load && rf.GetIndexedResource(type, r, res, true)) i.bytes = "<load failed>";
+      if (res) {
+        i.bytes.assign(static_cast<const char*>(res->GetData()), res->GetSize());
+        res->ReleaseResource();
       }
       items.push_back(i);
     }
@@ -237,6 +268,16 @@ class ResourceTest : public ::testing::Test {
     TQXResourceFile::ShutDown();
     TQXResourceFile::SetLostResourceHandler(nullptr);
   }
+};
+
+// A resource test with the file-system role played by one backend (the fake or the real disk).
+template <class Backend>
+class OnDisk : public ResourceTest {
+ protected:
+  OnDisk() : role_(backend_.fs()) { UseReader(backend_); }
+  TQXFakeFileSystem& fake() { return backend_.fake(); }
+  Backend backend_;
+  QXPlatform::ScopedRole<TQXPlatformFileSystem> role_;
 };
 
 }  // namespace qxrestest

@@ -171,20 +171,12 @@ std::string Text(const TQXString& s) {
 
 // The string classes, made from a text; index 5 is the dynamic string.
 std::unique_ptr<TQXString> MakeString(int kind, const std::string& t) {
-  switch (kind) {
-    case 0:
-      return std::make_unique<TQXString15>(t);
-    case 1:
-      return std::make_unique<TQXString31>(t);
-    case 2:
-      return std::make_unique<TQXString63>(t);
-    case 3:
-      return std::make_unique<TQXString255>(t);
-    case 4:
-      return std::make_unique<TQXString1023>(t);
-    default:
-      return std::make_unique<TQXDynamicString>(t);
-  }
+  if (kind == 0) return std::make_unique<TQXString15>(t);
+  if (kind == 1) return std::make_unique<TQXString31>(t);
+  if (kind == 2) return std::make_unique<TQXString63>(t);
+  if (kind == 3) return std::make_unique<TQXString255>(t);
+  if (kind == 4) return std::make_unique<TQXString1023>(t);
+  return std::make_unique<TQXDynamicString>(t);
 }
 
 TEST(ByteSwapStreamStrings, LengthWidthFollowsCapacity) {

@@ -53,10 +53,11 @@ void IntegerListRoundTrip(std::mt19937& rng) {
   std::string expected;
   for (T& v : values) {
     v = T(rng() >> (rng() % 32));
-    out << v << (rng() % 2 ? ' ' : '\n');
-    expected += std::to_string(v) + ' ';
+    const char separator = rng() % 2 ? ' ' : '\n';
+    out << v << separator;
+    expected += std::to_string(v) + separator;
   }
-  ASSERT_EQ(Written(out).size(), expected.size());
+  ASSERT_EQ(Written(out), expected);
   TextSource in(Written(out));
   for (T v : values) {
     T back = 0;
@@ -67,8 +68,6 @@ void IntegerListRoundTrip(std::mt19937& rng) {
 }
 
 TEST(StreamTextNumbers, IntegersRoundTrip) {
-  EXPECT_EQ(TextOf(int32_t(-5)), "-5");
-  EXPECT_EQ(TextOf(uint32_t(0)), "0");
   EXPECT_EQ(TextOf(INT32_MIN), "-2147483648");
   std::mt19937 rng(21);
   for (int trial = 0; trial < 10 * qxtest::kScale; ++trial) {
@@ -167,29 +166,23 @@ TEST(StreamTextNumbers, DoublesRoundTripWithinPrecision) {
 // ---- Words, quoted text, lines ---------------------------------------------------------------
 
 TEST(StreamTextWords, ReadWordRules) {
-  char word[kQXStreamWordMax + 1];
-  TextSource quoted("\"a\\\"b c\" d");
-  quoted->ReadWord(word);
-  EXPECT_STREQ(word, "a\"b c");
-  quoted->ReadWord(word);
-  EXPECT_STREQ(word, "d");
-
-  // Unquoted: a quote is ordinary, a backslash escapes, the stopper is consumed.
-  TextSource plain("ab\"c\\ d\te");
-  plain->ReadWord(word);
-  EXPECT_STREQ(word, "ab\"c d");
-  plain->ReadWord(word);
-  EXPECT_STREQ(word, "e");
-
-  // 256 characters at most; the one behind the cut is lost.
-  std::string text(300, 'a');
-  for (size_t i = 0; i < text.size(); ++i)
-    text[i] = char('a' + i % 26);
-  TextSource longWord(text + " ");
-  longWord->ReadWord(word);
-  EXPECT_EQ(std::string(word), text.substr(0, 256));
-  longWord->ReadWord(word);
-  EXPECT_EQ(std::string(word), text.substr(257));
+  // Quoted: a backslash escapes. Unquoted: a quote is ordinary, a backslash escapes, the stopper
+  // is consumed. 256 characters at most, and the one behind the cut is lost.
+  std::string alpha(300, 'a');
+  for (size_t i = 0; i < alpha.size(); ++i)
+    alpha[i] = char('a' + i % 26);
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"\"a\\\"b c\" d", {"a\"b c", "d"}},
+      {"ab\"c\\ d\te", {"ab\"c d", "e"}},
+      {alpha + " ", {alpha.substr(0, 256), alpha.substr(257)}}};
+  for (const auto& [text, words] : cases) {
+    TextSource in(text);
+    char word[kQXStreamWordMax + 1];
+    for (const std::string& want : words) {
+      in->ReadWord(word);
+      EXPECT_EQ(std::string(word), want);
+    }
+  }
 }
 
 TEST(StreamTextWords, QuotedTextRoundTrips) {
@@ -312,10 +305,6 @@ TEST(StreamTextWords, DelimitedAndCharacters) {
 
 // A countstream measures exactly what a memory stream receives.
 TEST(StreamTextCount, MeasuresTheTextForm) {
-  countstream c;
-  c << int32_t(1234);
-  EXPECT_EQ(c.Length(), 4);
-
   std::mt19937 rng(25);
   for (int trial = 0; trial < 50; ++trial) {
     countstream counter;
