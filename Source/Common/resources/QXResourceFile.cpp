@@ -265,20 +265,9 @@ uint32_t TQXResourceFile::Access::Fetch(TQXResourceFile& rf, uint32_t ref, uint3
 }
 
 uint32_t TQXResourceFile::GetResource(uint32_t type, int16_t id, TQXResource*& out, bool read) {
-  out = nullptr;
-  if (!map) return kQXErrResource;
-  const TQXMapWalk walk(map, Get32(map + kMapLength));
-  const int64_t entry = walk.FindType(type);
-  if (entry < 0) return kQXErrResource;
-  const int32_t refs = walk.RefCount(uint32_t(entry));
-  for (int32_t r = 0; r < refs; ++r) {
-    const uint32_t ref = walk.RefEntry(uint32_t(entry), r);
-    if (int16_t(Get16(map + ref + kRefID)) != id) continue;
-    const uint32_t result = Access::Fetch(*this, ref, type, out, read);
-    if (result) out = nullptr;
-    return result;
-  }
-  return kQXErrResource;
+  return Access::FetchFirst(*this, type, out, read, [&](const TQXMapWalk&, uint32_t ref) {
+    return int16_t(Get16(map + ref + kRefID)) == id;
+  });
 }
 
 uint32_t TQXResourceFile::GetChainedResource(uint32_t type, int16_t id, TQXResource*& out,
@@ -314,24 +303,13 @@ uint32_t TQXResourceFile::GetAnyResource(uint32_t type, int16_t id, TQXResource*
 
 uint32_t TQXResourceFile::GetNamedResource(uint32_t type, const TQXString& name, TQXResource*& out,
                                            bool read) {
-  out = nullptr;
-  if (!map) return kQXErrResource;
-  const TQXMapWalk walk(map, Get32(map + kMapLength));
-  const int64_t entry = walk.FindType(type);
-  if (entry < 0) return kQXErrResource;
-  const int32_t refs = walk.RefCount(uint32_t(entry));
-  for (int32_t r = 0; r < refs; ++r) {
-    const uint32_t ref = walk.RefEntry(uint32_t(entry), r);
+  return Access::FetchFirst(*this, type, out, read, [&](const TQXMapWalk& walk, uint32_t ref) {
     const uint8_t* text = walk.Name(ref);
-    if (!text) continue;
+    if (!text) return false;
     TQXString255 candidate;
     candidate.FromPPtr(text);
-    if (!(candidate == name)) continue;
-    const uint32_t result = Access::Fetch(*this, ref, type, out, read);
-    if (result) out = nullptr;
-    return result;
-  }
-  return kQXErrResource;
+    return candidate == name;
+  });
 }
 
 uint32_t TQXResourceFile::GetIndexedResource(uint32_t type, int32_t index, TQXResource*& out,

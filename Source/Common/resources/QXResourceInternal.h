@@ -200,6 +200,26 @@ struct QX_HIDDEN TQXResourceFile::Access {
   // LoadEntry, then one hold on the entry's object for the caller.
   static uint32_t Fetch(TQXResourceFile& rf, uint32_t refEntry, uint32_t type, TQXResource*& out,
                         bool read);
+  // Fetch of the first entry of `type`, in list order, for which matches(walk, refEntry) holds;
+  // kQXErrResource when there is none. `out` is null unless the fetch succeeded.
+  template <class Matches>
+  static uint32_t FetchFirst(TQXResourceFile& rf, uint32_t type, TQXResource*& out, bool read,
+                             Matches&& matches) {
+    out = nullptr;
+    if (!rf.map) return kQXErrResource;
+    const QXRes::TQXMapWalk walk(rf.map, QXRes::Get32(rf.map + QXRes::kMapLength));
+    const int64_t entry = walk.FindType(type);
+    if (entry < 0) return kQXErrResource;
+    const int32_t refs = walk.RefCount(uint32_t(entry));
+    for (int32_t r = 0; r < refs; ++r) {
+      const uint32_t ref = walk.RefEntry(uint32_t(entry), r);
+      if (!matches(walk, ref)) continue;
+      const uint32_t result = Fetch(rf, ref, type, out, read);
+      if (result) out = nullptr;
+      return result;
+    }
+    return kQXErrResource;
+  }
   // The rewrite of UpdateResFile.
   static uint32_t Rewrite(TQXResourceFile& rf, TQXProgress* progress);
   // The in-place write of one entry.
